@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QLatin1String>
+
+// Fixed locations and names of the macOS host. Production never changes them;
+// only MacHostEnvironment copies them, and tests override that copy.
+namespace {
+
+constexpr auto TunnelBinaryName = QLatin1String("amneziawg-go");
+constexpr auto RuntimeDir = QLatin1String("/tmp/corvel-client-amneziawg");
+constexpr auto InterfacePrefix = QLatin1String("amn0");
+constexpr auto DefaultIpv6Address = QLatin1String("fd58:baa6:dead::1");
+constexpr auto HostsFilePath = QLatin1String("/etc/hosts");
+constexpr auto HostsBeginMarker = QLatin1String("# BEGIN TARVEX_VPN_CLIENT");
+constexpr auto HostsEndMarker = QLatin1String("# END TARVEX_VPN_CLIENT");
+
+// The organisation's own domain: the service announces it at start-up and the
+// control-plane bypass falls back to it.
+constexpr auto OrganizationDomain = QLatin1String("tarvex.com");
+
+constexpr auto IfconfigTool = QLatin1String("/sbin/ifconfig");
+constexpr auto RouteTool = QLatin1String("/sbin/route");
+constexpr auto NetworksetupTool = QLatin1String("/usr/sbin/networksetup");
+constexpr auto DscacheutilTool = QLatin1String("/usr/bin/dscacheutil");
+constexpr auto KillallTool = QLatin1String("/usr/bin/killall");
+
+// Every host tool gets the same allowance to start and, separately, to run.
+constexpr int CommandTimeoutMs = 5000;
+
+} // namespace

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QHostInfo>
+#include <QString>
+
+#include <functional>
+
+// Everything the backend touches on the host, in one place. A default-built
+// value is the real macOS host; tests substitute stand-in tools, private
+// directories and a scripted resolver, and nothing else differs.
+struct MacHostEnvironment
+{
+    MacHostEnvironment();
+
+    QString ifconfigTool;
+    QString routeTool;
+    QString networksetupTool;
+    QString dscacheutilTool;
+    QString killallTool;
+
+    QString runtimeDir;
+    QString hostsFile;
+
+    // Where the tunnel program is looked for. Empty means the running
+    // executable's directory and the process's working directory, asked for at
+    // the moment of the search.
+    QString applicationDir;
+    QString workingDir;
+
+    // Blocking name look-up through the system resolver.
+    std::function<QHostInfo(const QString &)> lookupHost;
+};

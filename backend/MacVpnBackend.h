@@ -1,0 +1,121 @@
+#pragma once
+
+#include "backend/MacHostEnvironment.h"
+#include "backend/PlatformVpnBackend.h"
+
+#include <QList>
+#include <QMap>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QVariantList>
+#include <QVariantMap>
+
+// The macOS backend. One instance lives inside the service for the whole
+// process; every host change it makes is undone by cleanup(), which also runs
+// when the object is destroyed.
+//
+// Its members are spread over backend/core (state, command runner, sequence),
+// backend/tunnel (tunnel program, configuration socket, set transaction) and
+// backend/host (interface, routes, DNS, bypass, hosts file).
+class MacVpnBackend : public PlatformVpnBackend
+{
+    Q_OBJECT
+
+public:
+    struct SplitTunnelSettings
+    {
+        bool enabled = false;
+        int mode = 0;
+        QVariantList entries;
+    };
+
+    struct RouteEntry
+    {
+        QString family;
+        QString destination;
+        QString type;
+    };
+
+    explicit MacVpnBackend(QObject *parent = nullptr);
+    explicit MacVpnBackend(MacHostEnvironment environment, QObject *parent = nullptr);
+    ~MacVpnBackend() override;
+
+    // Status and errors.
+    Status status() const override;
+    QString lastError() const override;
+    void setStatus(Status status);
+    void setError(const QString &message);
+
+    // Connect and disconnect sequence.
+    void connectVpn(const ParsedVpnConfig &config) override;
+    void connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer) override;
+    void disconnectVpn() override;
+    void cleanup();
+    bool isConnectRunning() const { return connectRunning; }
+
+    bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
+                    QString *standardError, int timeoutMs) const;
+
+    // Tunnel program and its configuration socket.
+    QString findTunnelBinary() const;
+    bool startTunnelProcess();
+    QString waitForTunnelName(const QString &nameFilePath);
+    void stopTunnelProcess();
+    QString uapiCommand(const QString &payload);
+    int uapiErrno(const QString &reply) const;
+    QString uapiSetConfig(const ParsedVpnConfig &config) const;
+
+    // Values derived from the client configuration.
+    QString endpointHost(const ParsedVpnConfig &config) const;
+    int endpointPort(const ParsedVpnConfig &config) const;
+    QString clientIpv4(const ParsedVpnConfig &config) const;
+    QStringList allowedIps(const ParsedVpnConfig &config) const;
+    QString hexKey(const QString &key) const;
+    SplitTunnelSettings splitTunnelFromPeer(const QVariantMap &peer) const;
+
+    // Host network configuration.
+    bool configureInterface(const ParsedVpnConfig &config);
+    bool configureRoutes(const ParsedVpnConfig &config);
+    void removeRoutes();
+    QStringList splitTunnelRoutes() const;
+    QStringList resolvedSplitTunnelRoutes(const QVariantMap &entry) const;
+    bool configureDns(const ParsedVpnConfig &config);
+    void restoreDns();
+    void flushDnsCache() const;
+    void installControlPlaneBypass(const QString &gateway);
+    void removeControlPlaneBypass();
+    QString controlPlaneHost() const;
+    void pinControlPlaneHosts(const QStringList &addresses);
+    void unpinControlPlaneHosts();
+
+    QString defaultGateway() const;
+    bool isIpv4Route(const QString &route) const;
+    bool isIpv6Route(const QString &route) const;
+    QString routeFamily(const QString &route) const;
+    QString routeType(const QString &route) const;
+
+private:
+    friend struct MacVpnBackendInspector;
+
+    bool connectWasCancelled() const { return connectCancelled; }
+
+    int currentStatus = Disconnected;
+    QString lastErrorMessage;
+    QString runtimeDir;
+    QString tunnelInterface;
+    QString serverHost;
+    QList<QString> controlPlaneBypassHosts;
+    QList<RouteEntry> installedRoutes;
+    SplitTunnelSettings splitTunnel;
+    QMap<QString, QList<QString>> savedDnsServers;
+    QProcess tunnelProcess;
+    QString tunnelOutput;
+
+    const MacHostEnvironment host;
+
+    // A connect re-enters the event loop while it waits for the interface
+    // name; these let a disconnect arriving then cancel it cleanly.
+    bool connectRunning = false;
+    bool connectCancelled = false;
+};

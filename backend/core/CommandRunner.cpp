@@ -1,0 +1,48 @@
+#include "backend/MacVpnBackend.h"
+
+#include <QDebug>
+#include <QProcess>
+
+bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
+                               QString *standardOutput, QString *standardError,
+                               int timeoutMs) const
+{
+    qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
+
+    QProcess process;
+    process.start(program, arguments, QIODevice::ReadWrite);
+    if (!process.waitForStarted(timeoutMs)) {
+        if (standardError)
+            *standardError = process.errorString();
+        qWarning() << "[MacVpnBackend] command start failed" << program << process.errorString();
+        return false;
+    }
+
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished(1000);
+        if (standardError)
+            *standardError = process.errorString();
+        qWarning() << "[MacVpnBackend] command timeout" << program << process.errorString();
+        return false;
+    }
+
+    const QString out = QString::fromUtf8(process.readAllStandardOutput());
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    qInfo() << "[MacVpnBackend] command finished" << program << "exitStatus=" << process.exitStatus()
+            << "exitCode=" << process.exitCode();
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] command stdout =\n") + out.trimmed();
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] command stderr =\n") + err.trimmed();
+
+    if (standardOutput)
+        *standardOutput = out;
+    if (standardError)
+        *standardError = err;
+
+    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return true;
+
+    qWarning() << "[MacVpnBackend] command failed" << program << "exitCode=" << process.exitCode()
+               << "stderr=" << err.trimmed();
+    return false;
+}

@@ -1,0 +1,105 @@
+#include "backend/MacVpnBackend.h"
+
+#include <QDebug>
+#include <QScopeGuard>
+
+void MacVpnBackend::connectVpn(const ParsedVpnConfig &config)
+{
+    connectVpn(config, QVariantMap());
+}
+
+void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer)
+{
+    qInfo() << "[MacVpnBackend] connectVpn start"
+            << "container=" << config.container << "protocol=" << config.protocolName
+            << "host=" << endpointHost(config);
+
+    splitTunnel = splitTunnelFromPeer(peer);
+    setError(QString());
+    setStatus(Connecting);
+    cleanup();
+
+    connectRunning = true;
+    connectCancelled = false;
+    const auto finished = qScopeGuard([this] { connectRunning = false; });
+
+    const QString binary = findTunnelBinary();
+    if (binary.isEmpty()) {
+        qWarning() << "[MacVpnBackend] amneziawg-go not found";
+        setError(tr("Не найден amneziawg-go рядом с приложением"));
+        return;
+    }
+    qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
+
+    if (!startTunnelProcess()) {
+        // A disconnect served while we waited for the interface has already
+        // undone everything and left the backend Disconnected.
+        if (connectCancelled) {
+            qInfo() << "[MacVpnBackend] connect cancelled by disconnect";
+            return;
+        }
+        qWarning() << "[MacVpnBackend] startTunnelProcess failed" << lastError();
+        cleanup();
+        return;
+    }
+
+    const QString setConfig = uapiSetConfig(config);
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") + setConfig;
+    const QString reply = uapiCommand(setConfig);
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi reply =\n") + reply;
+    const int error = uapiErrno(reply);
+    qInfo() << "[MacVpnBackend] uapi reply errno" << error;
+    if (error != 0) {
+        cleanup();
+        setError(tr("Не удалось применить WireGuard/AWG-конфигурацию"));
+        return;
+    }
+
+    if (!configureInterface(config)) {
+        qWarning() << "[MacVpnBackend] configureInterface failed" << lastError();
+        cleanup();
+        return;
+    }
+
+    if (!configureRoutes(config)) {
+        qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
+        cleanup();
+        return;
+    }
+
+    if (splitTunnel.enabled && splitTunnel.mode == 1)
+        qInfo() << "[MacVpnBackend] skip global DNS for only-selected split tunnel";
+    else
+        configureDns(config);
+    flushDnsCache();
+
+    qInfo() << "[MacVpnBackend] connected";
+    setStatus(Connected);
+    Q_EMIT connected();
+}
+
+void MacVpnBackend::disconnectVpn()
+{
+    qInfo() << "[MacVpnBackend] disconnectVpn"
+            << "status=" << status();
+    setError(QString());
+    if (connectRunning)
+        connectCancelled = true;
+    if (currentStatus != Disconnected) {
+        setStatus(Disconnecting);
+        cleanup();
+        setStatus(Disconnected);
+    }
+    Q_EMIT disconnected();
+}
+
+void MacVpnBackend::cleanup()
+{
+    qInfo() << "[MacVpnBackend] cleanup";
+    restoreDns();
+    removeRoutes();
+    stopTunnelProcess();
+    flushDnsCache();
+    tunnelInterface.clear();
+    serverHost.clear();
+}

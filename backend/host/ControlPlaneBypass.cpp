@@ -1,0 +1,58 @@
+#include "backend/BackendConstants.h"
+#include "backend/MacVpnBackend.h"
+
+#include <QDebug>
+#include <QHostAddress>
+
+void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
+{
+    removeControlPlaneBypass();
+    if (gateway.isEmpty()) {
+        qWarning() << "[MacVpnBackend] control-plane bypass skipped: empty gateway";
+        return;
+    }
+    const QString hostName = controlPlaneHost();
+    if (hostName.isEmpty())
+        return;
+
+    const QHostInfo info = host.lookupHost(hostName);
+    if (info.error() != QHostInfo::NoError) {
+        qWarning() << "[MacVpnBackend] control-plane resolve failed" << hostName
+                   << info.errorString();
+        return;
+    }
+
+    QStringList pinned;
+    const QList<QHostAddress> addresses = info.addresses();
+    for (const QHostAddress &address : addresses) {
+        if (address.protocol() != QAbstractSocket::IPv4Protocol)
+            continue;
+        const QString text = address.toString();
+        if (pinned.contains(text))
+            continue;
+        QString standardError;
+        const QStringList arguments = {QStringLiteral("-n"), QStringLiteral("add"),
+                                       QStringLiteral("-host"), text, gateway};
+        if (!runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs)) {
+            qWarning() << "[MacVpnBackend] control-plane route failed" << text
+                       << standardError.trimmed();
+            continue;
+        }
+        pinned.append(text);
+        controlPlaneBypassHosts.append(text);
+        qInfo() << "[MacVpnBackend] control-plane bypass" << hostName << "->" << text << "via"
+                << gateway;
+    }
+    if (!pinned.isEmpty())
+        pinControlPlaneHosts(pinned);
+}
+
+void MacVpnBackend::removeControlPlaneBypass()
+{
+    unpinControlPlaneHosts();
+    for (const QString &address : std::as_const(controlPlaneBypassHosts))
+        runCommand(host.routeTool,
+                   {QStringLiteral("-n"), QStringLiteral("delete"), QStringLiteral("-host"), address},
+                   nullptr, nullptr, CommandTimeoutMs);
+    controlPlaneBypassHosts.clear();
+}

@@ -1,0 +1,168 @@
+#include "backend/BackendConstants.h"
+#include "backend/MacVpnBackend.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocalSocket>
+#include <QTimer>
+
+namespace {
+
+constexpr int StartTimeoutMs = 5000;
+constexpr int NameWaitMs = 5000;
+constexpr int StopTimeoutMs = 5000;
+// The thread sleeps in the event dispatcher between passes, so a wait that
+// never sees a name costs next to no processor time.
+constexpr int NamePassIntervalMs = 20;
+
+QString socketPathFor(const QString &runtimeDir, const QString &interfaceName)
+{
+    return QDir(runtimeDir).filePath(interfaceName + QLatin1String(".sock"));
+}
+
+} // namespace
+
+QString MacVpnBackend::findTunnelBinary() const
+{
+    const QDir appDir(host.applicationDir.isEmpty() ? QCoreApplication::applicationDirPath()
+                                                    : host.applicationDir);
+    const QDir workDir(host.workingDir.isEmpty() ? QDir::currentPath() : host.workingDir);
+    const QStringList candidates = {
+        appDir.filePath(TunnelBinaryName),
+        appDir.filePath(QStringLiteral("../Resources/%1").arg(TunnelBinaryName)),
+        workDir.filePath(TunnelBinaryName),
+    };
+    for (const QString &candidate : candidates) {
+        qInfo() << "[MacVpnBackend] check tunnel binary" << candidate;
+        const QFileInfo info(candidate);
+        if (info.exists() && info.isFile() && info.isExecutable())
+            return info.absoluteFilePath();
+    }
+    return QString();
+}
+
+bool MacVpnBackend::startTunnelProcess()
+{
+    qInfo() << "[MacVpnBackend] startTunnelProcess";
+    tunnelOutput.clear();
+    runtimeDir = host.runtimeDir;
+    qInfo() << "[MacVpnBackend] runtime dir" << runtimeDir;
+    if (!QDir().mkpath(runtimeDir)) {
+        setError(tr("Не удалось создать runtime-директорию для VPN"));
+        return false;
+    }
+
+    const QString nameFile = QDir(runtimeDir).filePath(InterfacePrefix + QLatin1String(".name"));
+    QFile::remove(nameFile);
+
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("WG_TUN_NAME_FILE"), nameFile);
+    tunnelProcess.setProcessEnvironment(environment);
+    tunnelProcess.setProgram(findTunnelBinary());
+    tunnelProcess.setArguments({QStringLiteral("-f"), QStringLiteral("utun")});
+    qInfo() << "[MacVpnBackend] start process" << tunnelProcess.program()
+            << tunnelProcess.arguments() << "WG_TUN_NAME_FILE=" << nameFile;
+
+    tunnelProcess.start(QIODevice::ReadWrite);
+    if (!tunnelProcess.waitForStarted(StartTimeoutMs)) {
+        qWarning() << "[MacVpnBackend] tunnel process failed to start"
+                   << tunnelProcess.errorString();
+        setError(tr("Не удалось запустить amneziawg-go: %1").arg(tunnelProcess.errorString()));
+        return false;
+    }
+
+    tunnelInterface = waitForTunnelName(nameFile);
+    if (connectCancelled) {
+        tunnelInterface.clear();
+        return false;
+    }
+    if (!tunnelInterface.isEmpty()) {
+        qInfo() << "[MacVpnBackend] tunnel interface" << tunnelInterface;
+        return true;
+    }
+
+    for (const QByteArray &pending :
+         {tunnelProcess.readAllStandardOutput(), tunnelProcess.readAllStandardError()}) {
+        const QString text = QString::fromUtf8(pending).trimmed();
+        if (!text.isEmpty())
+            tunnelOutput += QLatin1Char('\n') + text;
+    }
+    QString detail = tunnelOutput.trimmed();
+    if (detail.contains(QLatin1String("operation not permitted"), Qt::CaseInsensitive))
+        detail = tr("amneziawg-go не может создать utun-интерфейс без прав администратора. "
+                    "Нужен привилегированный daemon/helper как в Amnezia.");
+    if (detail.isEmpty())
+        detail = tr("не удалось получить имя utun-интерфейса");
+    qWarning() << "[MacVpnBackend] tunnel interface failed" << detail;
+    setError(tr("Не удалось создать VPN-интерфейс: %1").arg(detail));
+    return false;
+}
+
+QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
+{
+    QElapsedTimer clock;
+    clock.start();
+    QTimer wakeUp;
+    wakeUp.setSingleShot(true);
+
+    const auto collect = [this](const QByteArray &bytes, const char *label, bool warning) {
+        const QString text = QString::fromUtf8(bytes).trimmed();
+        if (text.isEmpty())
+            return;
+        tunnelOutput += QLatin1Char('\n') + text;
+        const QString line = QLatin1String(label) + text;
+        if (warning)
+            qWarning().noquote() << line;
+        else
+            qInfo().noquote() << line;
+    };
+
+    while (tunnelProcess.state() == QProcess::Running && clock.elapsed() < NameWaitMs) {
+        // Serve other clients while we wait, sleeping until something happens
+        // or the next pass is due.
+        wakeUp.start(NamePassIntervalMs);
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+        if (connectCancelled)
+            break;
+
+        collect(tunnelProcess.readAllStandardOutput(), "[MacVpnBackend] tunnel stdout =\n", false);
+        collect(tunnelProcess.readAllStandardError(), "[MacVpnBackend] tunnel stderr =\n", true);
+
+        QFile nameFile(nameFilePath);
+        if (nameFile.open(QIODevice::ReadOnly | QIODevice::Text)) {
+            const QString name = QString::fromLocal8Bit(nameFile.readLine()).trimmed();
+            nameFile.close();
+            qInfo() << "[MacVpnBackend] name file read" << nameFilePath << "ifName=" << name;
+            if (!name.isEmpty()) {
+                const QString socketPath = socketPathFor(runtimeDir, name);
+                qInfo() << "[MacVpnBackend] test uapi socket" << socketPath;
+                QLocalSocket probe;
+                probe.connectToServer(socketPath, QIODevice::ReadWrite);
+                if (probe.waitForConnected(100))
+                    return name;
+                qWarning() << "[MacVpnBackend] test uapi socket failed" << probe.errorString();
+            }
+        }
+    }
+
+    qWarning() << "[MacVpnBackend] waitForTunnelName timeout"
+               << "processState=" << tunnelProcess.state()
+               << "exitStatus=" << tunnelProcess.exitStatus()
+               << "exitCode=" << tunnelProcess.exitCode();
+    return QString();
+}
+
+void MacVpnBackend::stopTunnelProcess()
+{
+    if (tunnelProcess.state() == QProcess::NotRunning)
+        return;
+    tunnelProcess.terminate();
+    if (!tunnelProcess.waitForFinished(StopTimeoutMs)) {
+        tunnelProcess.kill();
+        tunnelProcess.waitForFinished(StopTimeoutMs);
+    }
+}

@@ -1,0 +1,298 @@
+// tarvexctl: talks to the Tarvex VPN service from a terminal. It parses
+// connection strings with the same library the client application uses and
+// speaks the service's one-line JSON protocol.
+#include "client/ServiceClient.h"
+#include "config/VpnConfigParser.h"
+#include "protocol/VpnServiceProtocol.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTextStream>
+
+#include <cstdio>
+#include <future>
+#include <unistd.h>
+
+namespace {
+
+enum ExitCode { Ok = 0, Refused = 1, Unreachable = 2, Usage = 64 };
+
+// A full connect can spend several time-outs of the service back to back.
+constexpr int ConnectTimeoutMs = 120000;
+constexpr int ShortTimeoutMs = 30000;
+
+const char *const MainHelp =
+    "Usage: tarvexctl [--json] COMMAND [ARGS]\n"
+    "\n"
+    "Commands:\n"
+    "  parse STRING|@FILE|-      decode a vpn:// connection string and print it as JSON\n"
+    "  connect STRING|@FILE|-    bring the tunnel up (see: tarvexctl connect --help)\n"
+    "  status                    show what the service is doing\n"
+    "  disconnect                take the tunnel down and restore the host\n"
+    "\n"
+    "Options:\n"
+    "  --json       print the service's reply line as it came\n"
+    "  -h, --help   show help (also after a command)\n"
+    "\n"
+    "Exit status: 0 done, 1 refused or failed, 2 service not reachable, 64 usage error.\n";
+
+const char *const ParseHelp =
+    "Usage: tarvexctl parse STRING|@FILE|-\n"
+    "\n"
+    "Decodes a connection string (from the argument, from FILE, or from standard\n"
+    "input with -) and prints the parsed configuration as JSON. Line breaks and\n"
+    "'=' padding in the string are ignored. Nothing is sent to the service.\n";
+
+const char *const ConnectHelp =
+    "Usage: tarvexctl connect STRING|@FILE|- [--only DEST...] [--exclude DEST...]\n"
+    "\n"
+    "Parses the connection string locally (a bad string never reaches the service),\n"
+    "then asks the service to connect and waits for the outcome.\n"
+    "\n"
+    "Split tunnelling (DEST is an address, a range such as 10.0.0.0/8, or a host name):\n"
+    "  --only DEST...      send only these destinations through the tunnel\n"
+    "  --exclude DEST...   send everything but these destinations through the tunnel\n";
+
+const char *const StatusHelp = "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of the current connection.\n";
+const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the service restores routes, DNS and /etc/hosts.\n";
+
+QTextStream &out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+QTextStream &err()
+{
+    static QTextStream stream(stderr);
+    return stream;
+}
+
+int usage(const QString &problem)
+{
+    err() << "tarvexctl: " << problem << "\nTry 'tarvexctl --help'.\n";
+    return Usage;
+}
+
+bool readSource(const QString &source, QString *text, QString *problem)
+{
+    if (source == QLatin1String("-")) {
+        QFile input;
+        if (!input.open(stdin, QIODevice::ReadOnly)) {
+            *problem = QStringLiteral("cannot read standard input");
+            return false;
+        }
+        *text = QString::fromUtf8(input.readAll());
+        return true;
+    }
+    if (source.startsWith(QLatin1Char('@'))) {
+        QFile file(source.mid(1));
+        if (!file.open(QIODevice::ReadOnly)) {
+            *problem = QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
+            return false;
+        }
+        *text = QString::fromUtf8(file.readAll());
+        return true;
+    }
+    *text = source;
+    return true;
+}
+
+void printReadable(const QJsonObject &reply)
+{
+    out() << "status: " << reply.value(QLatin1String("status")).toString() << '\n';
+    const QString error = reply.value(QLatin1String("error")).toString();
+    if (!error.isEmpty())
+        out() << "error: " << error << '\n';
+    const QJsonObject peer = reply.value(QLatin1String("peer")).toObject();
+    if (!peer.isEmpty()) {
+        // The connection string carries keys; show its size, not its text.
+        const QString config = peer.value(QLatin1String("config")).toString();
+        if (!config.isEmpty())
+            out() << "connection string: " << config.size() << " characters\n";
+        const QJsonObject split = peer.value(QLatin1String("splitTunnel")).toObject();
+        if (split.value(QLatin1String("enabled")).toBool()) {
+            QStringList destinations;
+            for (const QJsonValue &entry : split.value(QLatin1String("entries")).toArray())
+                destinations.append(entry.toObject().value(QLatin1String("value")).toString());
+            out() << (split.value(QLatin1String("mode")).toInt() == 1 ? "only through tunnel: " : "excluded from tunnel: ")
+                  << destinations.join(QLatin1String(", ")) << '\n';
+        }
+    }
+}
+
+int report(const ServiceReply &reply, bool json)
+{
+    if (!reply.reached) {
+        err() << "tarvexctl: the service is not reachable at " << VpnServiceProtocol::socketPath() << " ("
+              << reply.failure << "). Is TarvexVpnService running?\n";
+        return Unreachable;
+    }
+    if (json)
+        out() << QString::fromUtf8(reply.line) << '\n';
+    else
+        printReadable(reply.message);
+    return reply.message.value(QLatin1String("ok")).toBool() ? Ok : Refused;
+}
+
+// Waits for the service on another thread so the terminal can show progress.
+ServiceReply exchangeWithProgress(const QJsonObject &request, int timeoutMs, const char *label)
+{
+    auto pending = std::async(std::launch::async, exchangeWithService, request, timeoutMs);
+    const bool terminal = ::isatty(STDERR_FILENO);
+    QElapsedTimer clock;
+    clock.start();
+    if (!terminal) {
+        err() << label << "...\n";
+        err().flush();
+    }
+    while (pending.wait_for(std::chrono::milliseconds(250)) != std::future_status::ready) {
+        if (terminal) {
+            err() << '\r' << label << "... " << clock.elapsed() / 1000 << " s";
+            err().flush();
+        }
+    }
+    if (terminal) {
+        err() << '\r' << label << "... done in " << clock.elapsed() / 1000.0 << " s\n";
+        err().flush();
+    }
+    return pending.get();
+}
+
+int runParse(const QStringList &args, bool json)
+{
+    if (args.size() != 1)
+        return usage(QStringLiteral("parse needs exactly one connection string"));
+    QString text;
+    QString problem;
+    if (!readSource(args.front(), &text, &problem)) {
+        err() << "tarvexctl: " << problem << '\n';
+        return Refused;
+    }
+    const VpnConfigParseResult result = VpnConfigParser::parseConfig(text);
+    if (!result.success) {
+        err() << result.errorMessage << '\n';
+        return Refused;
+    }
+    const QJsonDocument document(VpnServiceProtocol::parsedConfigToJson(result.config));
+    out() << QString::fromUtf8(document.toJson(json ? QJsonDocument::Compact : QJsonDocument::Indented));
+    if (json)
+        out() << '\n';
+    return Ok;
+}
+
+int runConnect(const QStringList &args, bool json)
+{
+    QString source;
+    int mode = 0;
+    QJsonArray entries;
+    for (const QString &arg : args) {
+        if (arg == QLatin1String("--only") || arg == QLatin1String("--exclude")) {
+            const int wanted = arg == QLatin1String("--only") ? 1 : 2;
+            if (mode != 0 && mode != wanted)
+                return usage(QStringLiteral("--only and --exclude cannot be combined"));
+            mode = wanted;
+        } else if (arg.startsWith(QLatin1String("--"))) {
+            return usage(QStringLiteral("unknown option %1").arg(arg));
+        } else if (mode != 0) {
+            entries.append(QJsonObject{{QStringLiteral("value"), arg}});
+        } else if (source.isEmpty()) {
+            source = arg;
+        } else {
+            return usage(QStringLiteral("connect takes one connection string"));
+        }
+    }
+    if (source.isEmpty())
+        return usage(QStringLiteral("connect needs a connection string"));
+    if (mode != 0 && entries.isEmpty())
+        return usage(QStringLiteral("%1 needs at least one destination").arg(mode == 1 ? QStringLiteral("--only") : QStringLiteral("--exclude")));
+
+    QString text;
+    QString problem;
+    if (!readSource(source, &text, &problem)) {
+        err() << "tarvexctl: " << problem << '\n';
+        return Refused;
+    }
+    const VpnConfigParseResult result = VpnConfigParser::parseConfig(text);
+    if (!result.success) {
+        err() << result.errorMessage << '\n';
+        return Refused;
+    }
+
+    QJsonObject peer{{QStringLiteral("config"), text.trimmed()}};
+    if (mode != 0)
+        peer.insert(QStringLiteral("splitTunnel"), QJsonObject{{QStringLiteral("enabled"), true},
+                                                               {QStringLiteral("mode"), mode},
+                                                               {QStringLiteral("entries"), entries}});
+    const QJsonObject request{{QStringLiteral("command"), QStringLiteral("connect")},
+                              {QStringLiteral("config"), VpnServiceProtocol::parsedConfigToJson(result.config)},
+                              {QStringLiteral("peer"), peer}};
+    return report(exchangeWithProgress(request, ConnectTimeoutMs, "connecting"), json);
+}
+
+int runSimple(const char *command, const QStringList &args, bool json)
+{
+    if (!args.isEmpty())
+        return usage(QStringLiteral("%1 takes no arguments").arg(QLatin1String(command)));
+    const QJsonObject request{{QStringLiteral("command"), QLatin1String(command)}};
+    if (qstrcmp(command, "disconnect") == 0)
+        return report(exchangeWithProgress(request, ShortTimeoutMs, "disconnecting"), json);
+    return report(exchangeWithService(request, ShortTimeoutMs), json);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QStringList args = app.arguments().mid(1);
+    bool json = false;
+    bool help = false;
+    QString command;
+    QStringList rest;
+    for (const QString &arg : std::as_const(args)) {
+        if (command.isEmpty() && arg == QLatin1String("--json"))
+            json = true;
+        else if (arg == QLatin1String("--help") || arg == QLatin1String("-h"))
+            help = true;
+        else if (command.isEmpty() && arg.startsWith(QLatin1Char('-')) && arg != QLatin1String("-"))
+            return usage(QStringLiteral("unknown option %1").arg(arg));
+        else if (command.isEmpty())
+            command = arg;
+        else if (arg == QLatin1String("--json"))
+            json = true;
+        else
+            rest.append(arg);
+    }
+
+    struct Command { const char *name; const char *help; };
+    static const Command commands[] = {{"parse", ParseHelp}, {"connect", ConnectHelp},
+                                       {"status", StatusHelp}, {"disconnect", DisconnectHelp}};
+    if (command.isEmpty()) {
+        (help ? out() : err()) << MainHelp;
+        return help ? Ok : Usage;
+    }
+    const Command *chosen = nullptr;
+    for (const Command &candidate : commands) {
+        if (command == QLatin1String(candidate.name))
+            chosen = &candidate;
+    }
+    if (!chosen)
+        return usage(QStringLiteral("unknown command %1").arg(command));
+    if (help) {
+        out() << chosen->help;
+        return Ok;
+    }
+
+    // Log lines of the shared library are for the service's log, not for the terminal.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+
+    if (command == QLatin1String("parse"))
+        return runParse(rest, json);
+    if (command == QLatin1String("connect"))
+        return runConnect(rest, json);
+    return runSimple(chosen->name, rest, json);
+}

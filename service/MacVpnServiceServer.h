@@ -1,0 +1,38 @@
+#pragma once
+
+#include "backend/MacVpnBackend.h"
+
+#include <QJsonObject>
+#include <QLocalServer>
+#include <QObject>
+#include <QString>
+
+class QLocalSocket;
+
+// Owns the service socket and the one backend. Each client connection
+// carries one request line and gets one reply line.
+class MacVpnServiceServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit MacVpnServiceServer(QObject *parent = nullptr);
+    // Serves on another path against another host: how tests reach the very
+    // same server code without touching the machine.
+    MacVpnServiceServer(QString socketPath, MacHostEnvironment environment,
+                        QObject *parent = nullptr);
+
+    bool start();
+
+private:
+    void handleNewConnection();
+    void handleReadyRead(QLocalSocket *socket);
+    QJsonObject handleRequest(const QJsonObject &request);
+    QJsonObject statusResponse(bool ok, const QString &error) const;
+    void writeResponse(QLocalSocket *socket, const QJsonObject &response);
+
+    const QString path;
+    QLocalServer localServer;
+    MacVpnBackend backend;
+    QJsonObject lastPeer;
+};

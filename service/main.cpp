@@ -1,0 +1,23 @@
+#include "backend/BackendConstants.h"
+#include "service/MacVpnServiceServer.h"
+#include "service/TerminationSignals.h"
+
+#include <QCoreApplication>
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("Tarvex"));
+    QCoreApplication::setOrganizationDomain(OrganizationDomain);
+    QCoreApplication::setApplicationName(QStringLiteral("TarvexVpnService"));
+
+    // Installed before the server exists, so a stop request during start-up
+    // still ends in an orderly way once the event loop runs.
+    TerminationSignals termination;
+    QObject::connect(&termination, &TerminationSignals::received, &app, &QCoreApplication::quit);
+
+    MacVpnServiceServer server;
+    if (!server.start())
+        return 1;
+    return app.exec();
+}

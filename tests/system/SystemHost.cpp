@@ -1,0 +1,220 @@
+#include "SystemHost.h"
+
+#include "SimHost.h"
+#include "protocol/VpnServiceProtocol.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLocalSocket>
+#include <QThread>
+
+#include <csignal>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr long OverlayMagic = 0x794c7630;
+
+const char *const ToolPaths[] = {"/sbin/route", "/sbin/ifconfig", "/usr/sbin/networksetup",
+                                 "/usr/bin/dscacheutil", "/usr/bin/killall"};
+
+bool insideSandbox()
+{
+    struct statfs root{};
+    return QFile::exists(QStringLiteral("/.tarvex-sandbox")) && ::statfs("/", &root) == 0
+           && root.f_type == OverlayMagic;
+}
+
+void replaceWithLink(const QString &path, const QString &target)
+{
+    QFile::remove(path);
+    QFile::link(target, path);
+}
+
+} // namespace
+
+QString SystemHost::unavailableReason()
+{
+    if (::geteuid() != 0)
+        return QStringLiteral("system tests need root");
+    if (!insideSandbox())
+        return QStringLiteral("system tests run only inside scripts/sandbox");
+    return QString();
+}
+
+QString SystemHost::binary(const QString &name)
+{
+    return QDir(QCoreApplication::applicationDirPath()).filePath(name);
+}
+
+SystemHost::SystemHost()
+{
+    Q_ASSERT(unavailableReason().isEmpty());
+    for (const char *tool : ToolPaths)
+        replaceWithLink(QLatin1String(tool), binary(QStringLiteral("mactools")));
+    QDir(QLatin1String(StateDir)).removeRecursively();
+    SimHost::reset(QLatin1String(StateDir));
+    QDir().mkpath(QLatin1String(InstallDir));
+    QFile::remove(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
+    QFile::copy(binary(QStringLiteral("TarvexVpnService")), QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
+    removeTunnel();
+    QDir(QStringLiteral("/tmp/corvel-client-amneziawg")).removeRecursively();
+    QFile::remove(VpnServiceProtocol::socketPath());
+    writeHostsFile("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
+                   "198.51.100.10\ttarvex.com\n");
+    logPath = QStringLiteral("/tmp/daemon-%1.log").arg(QCoreApplication::applicationPid());
+    QFile::remove(logPath);
+}
+
+SystemHost::~SystemHost()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+}
+
+void SystemHost::installTunnel(bool executable)
+{
+    const QString path = QStringLiteral("%1/amneziawg-go").arg(QLatin1String(InstallDir));
+    QFile::remove(path);
+    QFile::copy(binary(QStringLiteral("tunnel-standin")), path);
+    QFile::setPermissions(path, executable ? QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                           : QFile::ReadOwner | QFile::WriteOwner);
+}
+
+void SystemHost::removeTunnel()
+{
+    QFile::remove(QStringLiteral("%1/amneziawg-go").arg(QLatin1String(InstallDir)));
+}
+
+void SystemHost::setToolFaults(const QStringList &rules)
+{
+    QFile file(QStringLiteral("%1/faults").arg(QLatin1String(StateDir)));
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(rules.join(QLatin1Char('\n')).toUtf8() + '\n');
+}
+
+bool SystemHost::startDaemon(const QStringList &environment)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("MACSIM_STATE_DIR"), QLatin1String(StateDir));
+    for (const QString &assignment : environment)
+        env.insert(assignment.section(QLatin1Char('='), 0, 0), assignment.section(QLatin1Char('='), 1));
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(QStringLiteral("/"));
+    process.setStandardOutputFile(logPath, QIODevice::Append);
+    process.setStandardErrorFile(logPath, QIODevice::Append);
+    process.start(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)), QStringList());
+    if (!process.waitForStarted(5000))
+        return false;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 10000 && process.state() == QProcess::Running) {
+        QLocalSocket probe;
+        probe.connectToServer(VpnServiceProtocol::socketPath());
+        if (probe.waitForConnected(100))
+            return true;
+        QThread::msleep(20);
+    }
+    return false;
+}
+
+int SystemHost::stopDaemon(int signalNumber)
+{
+    if (process.state() == QProcess::NotRunning)
+        return process.exitCode();
+    ::kill(static_cast<pid_t>(process.processId()), signalNumber);
+    if (!process.waitForFinished(30000)) {
+        process.kill();
+        process.waitForFinished(5000);
+        return -1;
+    }
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+QString SystemHost::daemonLog() const
+{
+    QFile file(logPath);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+QByteArray SystemHost::rawRequest(const QByteArray &line, int timeoutMs) const
+{
+    QLocalSocket socket;
+    socket.connectToServer(VpnServiceProtocol::socketPath());
+    if (!socket.waitForConnected(5000))
+        return QByteArray();
+    socket.write(line);
+    socket.waitForBytesWritten(2000);
+    QByteArray reply;
+    QElapsedTimer clock;
+    clock.start();
+    while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
+        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState
+            && socket.bytesAvailable() == 0)
+            break;
+        reply += socket.readAll();
+    }
+    return reply;
+}
+
+QJsonObject SystemHost::request(const QJsonObject &message, int timeoutMs) const
+{
+    QLocalSocket socket;
+    socket.connectToServer(VpnServiceProtocol::socketPath());
+    if (!socket.waitForConnected(5000))
+        return QJsonObject();
+    socket.write(VpnServiceProtocol::encodeMessage(message));
+    socket.waitForBytesWritten(2000);
+    QJsonObject reply;
+    VpnServiceProtocol::readMessage(&socket, &reply, nullptr, timeoutMs);
+    return reply;
+}
+
+QByteArray SystemHost::stateBytes() const
+{
+    return SimHost::serialise(state());
+}
+
+QJsonObject SystemHost::state() const
+{
+    const SimHost::Lock lock{QLatin1String(StateDir)};
+    return SimHost::load(QLatin1String(StateDir));
+}
+
+QList<QStringList> SystemHost::calls(const QString &tool) const
+{
+    QList<QStringList> matching;
+    for (const QStringList &call : SimHost::calls(QLatin1String(StateDir))) {
+        if (tool.isEmpty() || call.value(0) == tool)
+            matching.append(tool.isEmpty() ? call : call.mid(1));
+    }
+    return matching;
+}
+
+QByteArray SystemHost::hostsFile() const
+{
+    QFile file(QStringLiteral("/etc/hosts"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void SystemHost::writeHostsFile(const QByteArray &text)
+{
+    QFile file(QStringLiteral("/etc/hosts"));
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(text);
+}
+
+bool SystemHost::tunnelRunning() const
+{
+    const QJsonObject interfaces = state().value(QStringLiteral("interfaces")).toObject();
+    for (auto it = interfaces.begin(); it != interfaces.end(); ++it) {
+        if (it.value().toObject().value(QStringLiteral("owner")).toInteger() != 0)
+            return true;
+    }
+    return false;
+}

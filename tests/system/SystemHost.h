@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+// The macOS host as the unmodified daemon sees it inside the sandbox: the
+// stand-in tools at /sbin/route and the other real paths, the daemon and the
+// tunnel stand-in in /opt/tarvex, the simulated state in StateDir.
+//
+// Every operation first checks that this process really is inside the
+// sandbox; outside it, and without root, the tests skip.
+class SystemHost
+{
+public:
+    static constexpr const char *InstallDir = "/opt/tarvex";
+    static constexpr const char *StateDir = "/var/lib/tarvex-sim";
+
+    // Empty when the host may be used; otherwise the reason to skip.
+    static QString unavailableReason();
+
+    SystemHost();
+    ~SystemHost();
+
+    void installTunnel(bool executable = true);
+    void removeTunnel();
+    void setToolFaults(const QStringList &rules);
+
+    // Starts the daemon and waits until its socket answers.
+    bool startDaemon(const QStringList &environment = QStringList());
+    // Sends SIGTERM and waits; returns the exit code.
+    int stopDaemon(int signalNumber = 15);
+    QProcess &daemon() { return process; }
+    QString daemonLog() const;
+
+    QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const;
+    QByteArray rawRequest(const QByteArray &line, int timeoutMs = 60000) const;
+
+    QByteArray stateBytes() const;
+    QJsonObject state() const;
+    QList<QStringList> calls(const QString &tool = QString()) const;
+    QByteArray hostsFile() const;
+    void writeHostsFile(const QByteArray &text);
+    bool tunnelRunning() const;
+
+    static QString binary(const QString &name);
+
+private:
+    QProcess process;
+    QString logPath;
+};
