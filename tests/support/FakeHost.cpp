@@ -7,7 +7,8 @@
 #include <QFile>
 #include <QHostAddress>
 
-FakeHost::FakeHost() : names(std::make_shared<QHash<QString, QStringList>>())
+FakeHost::FakeHost()
+    : names(std::make_shared<QHash<QString, QStringList>>()), looked(std::make_shared<QStringList>())
 {
     for (const char *sub : {"tools", "state", "run", "app"})
         QDir(dir.path()).mkpath(QLatin1String(sub));
@@ -41,7 +42,9 @@ MacHostEnvironment FakeHost::environment() const
     env.applicationDir = appDir();
     env.workingDir = appDir();
     const auto table = names;
-    env.lookupHost = [table](const QString &name) {
+    const auto record = looked;
+    env.lookupHost = [table, record](const QString &name) {
+        record->append(name);
         QHostInfo info;
         info.setHostName(name);
         const auto it = table->constFind(name);

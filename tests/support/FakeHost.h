@@ -33,6 +33,8 @@ public:
     void setToolFaults(const QStringList &rules);
 
     void resolve(const QString &name, const QStringList &addresses);
+    // Names the backend asked the resolver for, in order.
+    QStringList lookups() const { return *looked; }
 
     QJsonObject state() const;
     QByteArray stateBytes() const;
@@ -46,4 +48,5 @@ public:
 private:
     QTemporaryDir dir;
     std::shared_ptr<QHash<QString, QStringList>> names;
+    std::shared_ptr<QStringList> looked;
 };
