@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QFileSystemWatcher>
 #include <QLocalSocket>
 #include <QTimer>
 
@@ -16,7 +17,8 @@ constexpr int StartTimeoutMs = 5000;
 constexpr int NameWaitMs = 5000;
 constexpr int StopTimeoutMs = 5000;
 // The thread sleeps in the event dispatcher between passes, so a wait that
-// never sees a name costs next to no processor time.
+// never sees a name costs next to no processor time; a change in the runtime
+// directory (the name file or the socket appearing) wakes it at once.
 constexpr int NamePassIntervalMs = 20;
 
 QString socketPathFor(const QString &runtimeDir, const QString &interfaceName)
@@ -108,6 +110,7 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
     clock.start();
     QTimer wakeUp;
     wakeUp.setSingleShot(true);
+    const QFileSystemWatcher runtimeWatcher({runtimeDir});
 
     const auto collect = [this](const QByteArray &bytes, const char *label, bool warning) {
         const QString text = QString::fromUtf8(bytes).trimmed();

@@ -9,6 +9,7 @@
 //   late-socket  write the name file 700 ms before the socket accepts
 //   errno=N      answer every set transaction with errno N
 //   no-close     answer without the closing empty line
+//   no-reply     read requests but never answer them
 //   ignore-term  ignore SIGTERM
 #include "SimHost.h"
 #include "UapiDevice.h"
@@ -146,6 +147,8 @@ int main(int argc, char *argv[])
                 while ((end = buffer.indexOf("\n\n")) >= 0) {
                     const QString request = QString::fromUtf8(buffer.left(end));
                     buffer.remove(0, end + 2);
+                    if (faults().contains(QStringLiteral("no-reply")))
+                        continue;
                     QString listing;
                     int error = device.handle(request, &listing);
                     const QString forced = faultValue(QStringLiteral("errno"));

@@ -1,0 +1,133 @@
+// Prints the service's own share of a full connect and disconnect: the wall
+// time of the cycle minus the time it spends blocked on child processes (the
+// simulated tools and the tunnel program), and its processor time.
+//
+// The waits are read off the service's own log lines, which bracket each of
+// them: "runCommand" .. "command finished", "start process" .. "tunnel
+// interface", "uapiCommand" .. "uapiCommand finished", and the tunnel stop
+// just before the clean-up's "flushDnsCache".
+#include "ClientConfig.h"
+#include "FakeHost.h"
+
+#include "backend/MacVpnBackend.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <cstdio>
+#include <sys/resource.h>
+#include <vector>
+
+namespace {
+
+struct Line
+{
+    qint64 ns;
+    QString text;
+};
+
+QElapsedTimer monotonic;
+std::vector<Line> lines;
+
+double cpuMs()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0
+           + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
+}
+
+bool startsWith(const Line &line, const char *prefix)
+{
+    return line.text.startsWith(QLatin1String(prefix));
+}
+
+// Time spent waiting for children, in milliseconds, and how many waits.
+std::pair<double, int> childTime()
+{
+    const std::pair<const char *, const char *> brackets[] = {
+        {"[MacVpnBackend] runCommand", "[MacVpnBackend] command "},
+        {"[MacVpnBackend] start process", "[MacVpnBackend] tunnel interface"},
+        {"[MacVpnBackend] uapiCommand interface=", "[MacVpnBackend] uapiCommand finished"},
+    };
+    double ns = 0;
+    int waits = 0;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        for (const auto &[open, close] : brackets) {
+            if (!startsWith(lines[i], open))
+                continue;
+            for (size_t j = i + 1; j < lines.size(); ++j) {
+                if (startsWith(lines[j], close)) {
+                    ns += double(lines[j].ns - lines[i].ns);
+                    ++waits;
+                    break;
+                }
+            }
+        }
+        // The clean-up stops the tunnel program right before it flushes the caches.
+        if (startsWith(lines[i], "[MacVpnBackend] flushDnsCache") && i > 0
+            && lines[i - 1].text.contains(QLatin1String("command "))) {
+            bool inCleanup = false;
+            for (size_t k = i; k-- > 0 && !inCleanup;) {
+                if (startsWith(lines[k], "[MacVpnBackend] cleanup"))
+                    inCleanup = true;
+                else if (startsWith(lines[k], "[MacVpnBackend] flushDnsCache") || startsWith(lines[k], "[MacVpnBackend] connected"))
+                    break;
+            }
+            if (inCleanup)
+                ns += double(lines[i].ns - lines[i - 1].ns);
+        }
+    }
+    return {ns / 1e6, waits};
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    monotonic.start();
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) {
+        lines.push_back({monotonic.nsecsElapsed(), message});
+    });
+    FakeHost host;
+    host.installTunnel();
+    host.resolve(QStringLiteral("tarvex.com"), {QStringLiteral("198.51.100.10")});
+
+    MacVpnBackend backend(host.environment());
+    const ParsedVpnConfig config = clientConfig();
+    backend.connectVpn(config); // warm-up
+    backend.disconnectVpn();
+
+    std::vector<double> walls, overheads, cpus;
+    int waits = 0;
+    for (int cycle = 0; cycle < 9; ++cycle) {
+        lines.clear();
+        const double cpuBefore = cpuMs();
+        const qint64 before = monotonic.nsecsElapsed();
+        backend.connectVpn(config);
+        if (backend.status() != PlatformVpnBackend::Connected) {
+            std::printf("connect failed: %s\n", qPrintable(backend.lastError()));
+            return 1;
+        }
+        backend.disconnectVpn();
+        const double wall = double(monotonic.nsecsElapsed() - before) / 1e6;
+        const auto [children, count] = childTime();
+        waits = count;
+        walls.push_back(wall);
+        overheads.push_back(wall - children);
+        cpus.push_back(cpuMs() - cpuBefore);
+    }
+
+    std::printf("connect+disconnect cycle: %.1f ms wall, %d waits for child processes\n", median(walls), waits);
+    std::printf("service's own overhead: %.2f ms (wall minus time blocked on children; limit 10 ms)\n", median(overheads));
+    std::printf("service's CPU time: %.2f ms per cycle (process spawning included)\n", median(cpus));
+    return 0;
+}
