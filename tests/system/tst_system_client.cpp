@@ -1,0 +1,91 @@
+// tarvexctl against the unmodified daemon on its real socket.
+#include "ClientConfig.h"
+#include "ConnectionString.h"
+#include "SystemHost.h"
+#include "Tarvexctl.h"
+
+#include <QJsonDocument>
+#include <QTest>
+
+#define REQUIRE_SANDBOX()                                                                          \
+    do {                                                                                           \
+        const QString reason = SystemHost::unavailableReason();                                    \
+        if (!reason.isEmpty())                                                                     \
+            QSKIP(qPrintable(reason));                                                             \
+    } while (false)
+
+class TestSystemClient : public QObject
+{
+    Q_OBJECT
+
+private:
+    const QString connectionString = encodeConnectionString(awgDocument(clientConfig().lastConfig));
+
+private Q_SLOTS:
+    void saysWhenServiceIsAway()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host; // no daemon started
+        const CtlRun run = runTarvexctl({"status"});
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY(run.err.contains("not reachable"));
+    }
+
+    void connectsShowsAndDisconnects()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.installTunnel();
+        QVERIFY(host.startDaemon());
+        const QByteArray before = host.stateBytes();
+
+        const CtlRun connect = runTarvexctl({"connect", connectionString});
+        QCOMPARE(connect.exitCode, 0);
+        QVERIFY(connect.out.contains("status: connected"));
+        QVERIFY(connect.err.contains("connecting"));
+
+        const CtlRun status = runTarvexctl({"--json", "status"});
+        QCOMPARE(status.exitCode, 0);
+        const QJsonObject reply = QJsonDocument::fromJson(status.out.toUtf8()).object();
+        QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
+        QCOMPARE(reply.value("peer").toObject().value("config").toString(), connectionString);
+
+        const CtlRun readable = runTarvexctl({"status"});
+        QVERIFY(readable.out.contains(QString("connection string: %1 characters").arg(connectionString.size())));
+        QVERIFY(!readable.out.contains(connectionString)); // it carries keys
+
+        const CtlRun disconnect = runTarvexctl({"disconnect"});
+        QCOMPARE(disconnect.exitCode, 0);
+        QVERIFY(disconnect.out.contains("status: disconnected"));
+        QCOMPARE(host.stateBytes(), before);
+    }
+
+    void sendsSplitTunnelSettings()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.installTunnel();
+        QVERIFY(host.startDaemon());
+        QCOMPARE(runTarvexctl({"connect", connectionString, "--only", "10.1.2.3", "192.0.2.0/24"}).exitCode, 0);
+        QVERIFY(host.calls("route").contains(QStringList{"-n", "add", "-host", "10.1.2.3", "-interface", "utun2"}));
+        QVERIFY(host.calls("networksetup").isEmpty());
+        const CtlRun status = runTarvexctl({"status"});
+        QVERIFY(status.out.contains("only through tunnel: 10.1.2.3, 192.0.2.0/24"));
+        QCOMPARE(runTarvexctl({"connect", connectionString, "--exclude", "203.0.113.0/24"}).exitCode, 0);
+        QVERIFY(host.calls("route").contains(QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
+    }
+
+    void reportsFailedConnect()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host; // no tunnel program
+        QVERIFY(host.startDaemon());
+        const CtlRun run = runTarvexctl({"connect", connectionString});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY(run.out.contains("status: error"));
+        QVERIFY(run.out.contains("error: Не найден amneziawg-go рядом с приложением"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSystemClient)
+#include "tst_system_client.moc"
