@@ -1,0 +1,103 @@
+# A real WireGuard tunnel inside scripts/sandbox, shared by scripts/demo and
+# its system test. Sourced, not run; expects BIN (the build's bin directory)
+# and ROOT (the project).
+#
+#   this namespace ("client")            namespace tarvex-server
+#   veth-c 192.168.77.2/24  <-------->   veth-s 192.168.77.1/24 (the gateway)
+#   default via 192.168.77.1             lo: 198.18.0.1 (WireGuard endpoint)
+#                                            198.18.0.53 (tarvex.com)
+#   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24, wireguard-go
+#
+# The endpoint is not on the shared link: the client reaches it through the
+# gateway, so without the daemon's endpoint route a full tunnel would loop.
+
+SERVER_NS=tarvex-server
+SERVER_TUNNEL_IP=10.77.0.1
+ENDPOINT=198.18.0.1
+CONTROL_PLANE=198.18.0.53
+export MACSIM_STATE_DIR=/var/lib/tarvex-sim
+
+in_server() { ip netns exec "$SERVER_NS" "$@"; }
+
+realnet_network() {
+  ip netns add "$SERVER_NS"
+  ip link add veth-c type veth peer name veth-s netns "$SERVER_NS"
+  ip addr add 192.168.77.2/24 dev veth-c
+  ip link set veth-c up
+  ip route add default via 192.168.77.1
+  in_server ip link set lo up
+  in_server ip addr add 192.168.77.1/24 dev veth-s
+  in_server ip link set veth-s up
+  in_server ip addr add "$ENDPOINT/32" dev lo
+  in_server ip addr add "$CONTROL_PLANE/32" dev lo
+}
+
+realnet_server() {
+  umask 077
+  wg genkey > /tmp/server.key
+  wg pubkey < /tmp/server.key > /tmp/server.pub
+  wg genkey > /tmp/client.key
+  wg pubkey < /tmp/client.key > /tmp/client.pub
+  wg genpsk > /tmp/psk
+  umask 022
+  in_server env WG_PROCESS_FOREGROUND=1 wireguard-go wg-srv > /tmp/server-wg.log 2>&1 &
+  for _ in $(seq 100); do [ -S /var/run/wireguard/wg-srv.sock ] && break; sleep 0.05; done
+  in_server wg set wg-srv private-key /tmp/server.key listen-port 51820 \
+    peer "$(cat /tmp/client.pub)" preshared-key /tmp/psk allowed-ips 10.77.0.2/32
+  in_server ip addr add "$SERVER_TUNNEL_IP/24" dev wg-srv
+  in_server ip link set wg-srv up
+}
+
+# The daemon as the application bundle would hold it, the simulated macOS
+# tools at their real paths acting on this namespace, and the launcher as
+# its tunnel program.
+realnet_client() {
+  mkdir -p /opt/tarvex "$MACSIM_STATE_DIR"
+  cp "$BIN/TarvexVpnService" /opt/tarvex/
+  cp "$ROOT/tests/standins/wg-launcher/amneziawg-go" /opt/tarvex/
+  "$BIN/mactools" reset
+  for tool in /sbin/route /sbin/ifconfig /usr/sbin/networksetup /usr/bin/dscacheutil /usr/bin/killall; do
+    ln -sf "$BIN/mactools" "$tool"
+  done
+  printf '%s\ttarvex.com\n' "$CONTROL_PLANE" >> /etc/hosts
+}
+
+realnet_connection_string() {
+  cat <<JSON | "$BIN/vpn-string"
+{"containers":[{"container":"amnezia-wireguard","wireguard":{"last_config":{
+   "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
+   "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",
+   "hostName":"$ENDPOINT","port":51820,"mtu":"1420","persistent_keep_alive":"25",
+   "allowed_ips":["0.0.0.0/0","::/0"]},"port":"51820","transport_proto":"udp"}}],
+ "defaultContainer":"amnezia-wireguard","description":"Tarvex demo server",
+ "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$ENDPOINT"}
+JSON
+}
+
+realnet_start_daemon() {
+  (cd / && MACSIM_APPLY=1 exec /opt/tarvex/TarvexVpnService > /tmp/service.log 2>&1) &
+  DAEMON_PID=$!
+  for _ in $(seq 200); do
+    "$BIN/tarvexctl" status > /dev/null 2>&1 && return 0
+    sleep 0.05
+  done
+  echo "the service did not come up" >&2
+  return 1
+}
+
+realnet_stop_daemon() {
+  kill -TERM "$DAEMON_PID"
+  wait "$DAEMON_PID"
+}
+
+# Everything the daemon may change, in one text to compare before and after.
+realnet_snapshot() {
+  echo "# ip -4 route"; ip -4 route show
+  echo "# ip -6 route"; ip -6 route show
+  echo "# links"; ip -o link show | awk '{print $2}'
+  echo "# DNS (simulated)"; sed -n '/"services"/,$p' "$MACSIM_STATE_DIR/host.json"
+}
+
+realnet_handshake() {
+  in_server wg show wg-srv latest-handshakes | awk '{print $2}'
+}
