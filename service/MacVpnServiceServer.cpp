@@ -1,5 +1,6 @@
 #include "service/MacVpnServiceServer.h"
 
+#include "backend/core/LogMasking.h"
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QDebug>
@@ -94,7 +95,7 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
     }
 
     const QByteArray line = buffer.left(lineEnd);
-    qInfo().noquote() << "[MacVpnServiceServer] request =" << QString::fromUtf8(line);
+    qInfo().noquote() << "[MacVpnServiceServer] request =" << LogMasking::messageLine(line);
 
     // A connect may serve other clients while it waits for the tunnel; should
     // this client vanish meanwhile, its socket must outlive this call.
@@ -164,7 +165,8 @@ QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error) c
 void MacVpnServiceServer::writeResponse(QLocalSocket *socket, const QJsonObject &response)
 {
     const QByteArray bytes = VpnServiceProtocol::encodeMessage(response);
-    qInfo().noquote() << "[MacVpnServiceServer] response =" << QString::fromUtf8(bytes).trimmed();
+    qInfo().noquote() << "[MacVpnServiceServer] response ="
+                      << LogMasking::messageLine(bytes.trimmed());
     socket->write(bytes);
     socket->waitForBytesWritten(ReplyWriteTimeoutMs);
     socket->disconnectFromServer();

@@ -1,5 +1,6 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/core/LogMasking.h"
 
 #include <QDebug>
 #include <QJsonDocument>
@@ -11,7 +12,8 @@ bool MacVpnBackend::configureInterface(const ParsedVpnConfig &config)
             << "interface=" << tunnelInterface << "ip=" << address;
     qInfo().noquote() << "[MacVpnBackend] interface lastConfig ="
                       << QString::fromUtf8(
-                             QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
+                             QJsonDocument(LogMasking::clientConfig(config.lastConfig))
+                                 .toJson(QJsonDocument::Compact));
     if (address.isEmpty()) {
         setError(tr("В конфигурации нет client_ip"));
         return false;

@@ -1,4 +1,5 @@
 #include "backend/MacVpnBackend.h"
+#include "backend/core/LogMasking.h"
 
 #include <QDebug>
 #include <QDir>
@@ -15,7 +16,8 @@ QString MacVpnBackend::uapiCommand(const QString &payload)
 {
     qInfo() << "[MacVpnBackend] uapiCommand"
             << "interface=" << tunnelInterface;
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n") + payload;
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n")
+                             + LogMasking::uapiText(payload);
 
     QLocalSocket socket;
     socket.connectToServer(QDir(runtimeDir).filePath(tunnelInterface + QLatin1String(".sock")),

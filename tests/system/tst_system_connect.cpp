@@ -5,6 +5,7 @@
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QTest>
 
 #include <csignal>
@@ -281,6 +282,29 @@ private Q_SLOTS:
         QVERIFY(!host.tunnelRunning());
         QCOMPARE(host.stateBytes(), before);
         QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+    }
+
+    void keepsSecretsOutOfTheLog()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.installTunnel();
+        QVERIFY(host.startDaemon());
+        ParsedVpnConfig config = clientConfig();
+        config.rawConfig = awgDocument(config.lastConfig);
+        config.lastConfigRaw = QString::fromUtf8(QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
+        const QJsonObject peer = peerFor(config);
+        QCOMPARE(host.request(connectRequest(config, peer)).value("ok").toBool(), true);
+        host.request(StatusRequest);
+        host.request(DisconnectRequest);
+        QCOMPARE(host.stopDaemon(), 0);
+
+        const QString log = host.daemonLog();
+        QVERIFY(log.contains("[MacVpnBackend] uapi set config command =\nset=1\nprivate_key=<hidden>\n"));
+        for (const char *secret : {TestKeys::ClientPrivate, TestKeys::ClientPrivateHex, TestKeys::Preshared,
+                                   TestKeys::PresharedHex})
+            QVERIFY2(!log.contains(QLatin1String(secret)), secret);
+        QVERIFY(!log.contains(peer.value("config").toString()));
     }
 
     void stopSignalRestoresHost()

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QString>
+
+// The log is readable by whoever reads system logs; keys and connection
+// strings must not end up there. These keep a line's labels and shape and
+// replace only the secrets by LogMask.
+namespace LogMasking {
+
+inline constexpr const char *LogMask = "<hidden>";
+
+// A configuration-protocol text: the values of private_key= and preshared_key=.
+QString uapiText(const QString &text);
+// A client configuration: its private and preshared keys.
+QJsonObject clientConfig(const QJsonObject &config);
+// A request or reply line: the keys, client configurations and connection
+// strings anywhere inside it; a line that is not JSON is masked by pattern.
+QString messageLine(const QByteArray &line);
+
+} // namespace LogMasking
