@@ -37,9 +37,15 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
             continue;
 
         QString current;
-        runCommand(host.networksetupTool, {GetServers, service}, &current, nullptr,
-                   CommandTimeoutMs);
+        const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current,
+                                     nullptr, CommandTimeoutMs);
         qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "=" << current.trimmed();
+        // Servers we could not read could not be put back either: such a
+        // service keeps its own rather than losing them on disconnect.
+        if (!read) {
+            qWarning() << "[MacVpnBackend] DNS servers unreadable, service left alone" << service;
+            continue;
+        }
 
         QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         if (saved.size() == 1 && saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))

@@ -135,6 +135,20 @@ private Q_SLOTS:
         QVERIFY(MacVpnBackendInspector::savedDns(backend).isEmpty());
     }
 
+    void leavesServiceAloneWhenItsServersCannotBeRead()
+    {
+        FakeHost host;
+        host.setToolFaults({"fail:networksetup -getdnsservers Wi-Fi"});
+        const QByteArray before = host.stateBytes();
+        MacVpnBackend backend(host.environment());
+        QVERIFY(backend.configureDns(clientConfig()));
+        QVERIFY(!MacVpnBackendInspector::savedDns(backend).contains("Wi-Fi"));
+        QVERIFY(!host.calls("networksetup").contains(QStringList{"-setdnsservers", "Wi-Fi", "1.1.1.1", "1.0.0.1"}));
+        QCOMPARE(MacVpnBackendInspector::savedDns(backend).size(), 2);
+        backend.restoreDns();
+        QCOMPARE(host.stateBytes(), before);
+    }
+
     void flushesBothCaches()
     {
         FakeHost host;
