@@ -1,6 +1,7 @@
 #include "config/VpnConfigParser.h"
 
 #include <QCoreApplication>
+#include <QtEndian>
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -58,6 +59,17 @@ QString chooseProtocol(const QJsonObject &container, const QString &containerNam
     return protocol;
 }
 
+// qUncompress allocates the size the data claims before it inflates a byte.
+// Deflate cannot expand more than about 1032:1, so a larger claim is corrupt
+// and must not cost gigabytes of memory first.
+bool plausiblyCompressed(const QByteArray &data)
+{
+    if (data.size() < 4)
+        return true; // too short for a claim; qUncompress refuses it itself
+    const quint64 claimed = qFromBigEndian<quint32>(data.constData());
+    return claimed <= quint64(data.size() - 4) * 1032 + 64;
+}
+
 } // namespace
 
 VpnConfigParseResult VpnConfigParser::parseConfig(const QString &connectionString)
@@ -74,7 +86,7 @@ VpnConfigParseResult VpnConfigParser::parseConfig(const QString &connectionStrin
     if (decoded.isEmpty())
         return failure({}, QT_TRANSLATE_NOOP("QObject", "Не удалось декодировать VPN-конфигурацию"));
 
-    const QByteArray json = qUncompress(decoded);
+    const QByteArray json = plausiblyCompressed(decoded) ? qUncompress(decoded) : QByteArray();
     if (json.isEmpty())
         return failure({}, QT_TRANSLATE_NOOP("QObject", "Не удалось распаковать VPN-конфигурацию"));
 

@@ -3,6 +3,7 @@
 
 #include "config/VpnConfigParser.h"
 
+#include <QElapsedTimer>
 #include <QTest>
 
 namespace {
@@ -101,6 +102,18 @@ private Q_SLOTS:
         QVERIFY(result.rootObject.isEmpty());
         QVERIFY(result.config.rawConfig.isEmpty() && result.config.hostName.isEmpty());
         QVERIFY(log.contains("[VpnConfigParser] \"" + message + "\""));
+    }
+
+    void refusesImpossibleSizeWithoutAllocating()
+    {
+        // Claims 1.5 GB uncompressed for a few bytes of stream.
+        QByteArray packed = qCompress(QByteArray("{}"));
+        packed[0] = char(0x60);
+        const QString input = "vpn://" + QString::fromLatin1(packed.toBase64(QByteArray::Base64UrlEncoding));
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(VpnConfigParser::parseConfig(input).errorMessage, Uncompressable);
+        QVERIFY(clock.elapsed() < 100);
     }
 
     void toleratesBreaksAndPadding()
