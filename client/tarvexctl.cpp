@@ -162,21 +162,29 @@ ServiceReply exchangeWithProgress(const QJsonObject &request, int timeoutMs, con
     return pending.get();
 }
 
+// Reads the connection string from its source and parses it; on failure the
+// reason (the parser's Russian message when it got that far) is on stderr.
+bool readAndParse(const QString &source, QString *text, VpnConfigParseResult *result)
+{
+    QString problem;
+    if (!readSource(source, text, &problem)) {
+        err() << "tarvexctl: " << problem << '\n';
+        return false;
+    }
+    *result = VpnConfigParser::parseConfig(*text);
+    if (!result->success)
+        err() << result->errorMessage << '\n';
+    return result->success;
+}
+
 int runParse(const QStringList &args, bool json)
 {
     if (args.size() != 1)
         return usage(QStringLiteral("parse needs exactly one connection string"));
     QString text;
-    QString problem;
-    if (!readSource(args.front(), &text, &problem)) {
-        err() << "tarvexctl: " << problem << '\n';
+    VpnConfigParseResult result;
+    if (!readAndParse(args.front(), &text, &result))
         return Refused;
-    }
-    const VpnConfigParseResult result = VpnConfigParser::parseConfig(text);
-    if (!result.success) {
-        err() << result.errorMessage << '\n';
-        return Refused;
-    }
     const QJsonDocument document(VpnServiceProtocol::parsedConfigToJson(result.config));
     out() << QString::fromUtf8(document.toJson(json ? QJsonDocument::Compact : QJsonDocument::Indented));
     if (json)
@@ -211,16 +219,9 @@ int runConnect(const QStringList &args, bool json)
         return usage(QStringLiteral("%1 needs at least one destination").arg(mode == 1 ? QStringLiteral("--only") : QStringLiteral("--exclude")));
 
     QString text;
-    QString problem;
-    if (!readSource(source, &text, &problem)) {
-        err() << "tarvexctl: " << problem << '\n';
+    VpnConfigParseResult result;
+    if (!readAndParse(source, &text, &result))
         return Refused;
-    }
-    const VpnConfigParseResult result = VpnConfigParser::parseConfig(text);
-    if (!result.success) {
-        err() << result.errorMessage << '\n';
-        return Refused;
-    }
 
     QJsonObject peer{{QStringLiteral("config"), text.trimmed()}};
     if (mode != 0)

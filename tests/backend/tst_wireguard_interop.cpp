@@ -37,9 +37,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        const QString reason = SystemHost::unavailableReason();
-        if (!reason.isEmpty())
-            QSKIP(qPrintable(reason));
+        REQUIRE_SANDBOX();
         const QString program = QStandardPaths::findExecutable(QStringLiteral("wireguard-go"));
         if (program.isEmpty())
             QSKIP("wireguard-go is not installed");

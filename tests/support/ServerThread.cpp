@@ -1,11 +1,10 @@
 #include "ServerThread.h"
 
-#include "protocol/VpnServiceProtocol.h"
+#include "TestClient.h"
+
 #include "service/MacVpnServiceServer.h"
 
 #include <QElapsedTimer>
-#include <QEventLoop>
-#include <QLocalSocket>
 
 ServerThread::ServerThread(QString socketPath, MacHostEnvironment env)
     : path(std::move(socketPath)), environment(std::move(env))
@@ -41,37 +40,10 @@ void ServerThread::run()
 
 QByteArray ServerThread::exchange(const QList<QByteArray> &pieces, int timeoutMs) const
 {
-    QLocalSocket socket;
-    socket.connectToServer(path);
-    if (!socket.waitForConnected(5000))
-        return QByteArray();
-    for (const QByteArray &piece : pieces) {
-        socket.write(piece);
-        socket.waitForBytesWritten(1000);
-        if (pieces.size() > 1)
-            QThread::msleep(50);
-    }
-    QByteArray reply;
-    QElapsedTimer clock;
-    clock.start();
-    while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
-        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState
-            && socket.bytesAvailable() == 0)
-            break;
-        reply += socket.readAll();
-    }
-    return reply;
+    return exchangeRaw(path, pieces, timeoutMs);
 }
 
 QJsonObject ServerThread::request(const QJsonObject &message, int timeoutMs) const
 {
-    QLocalSocket socket;
-    socket.connectToServer(path);
-    if (!socket.waitForConnected(5000))
-        return QJsonObject();
-    socket.write(VpnServiceProtocol::encodeMessage(message));
-    socket.waitForBytesWritten(1000);
-    QJsonObject reply;
-    VpnServiceProtocol::readMessage(&socket, &reply, nullptr, timeoutMs);
-    return reply;
+    return exchangeJson(path, message, timeoutMs);
 }

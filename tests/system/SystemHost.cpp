@@ -1,6 +1,7 @@
 #include "SystemHost.h"
 
 #include "SimHost.h"
+#include "TestClient.h"
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QCoreApplication>
@@ -144,35 +145,12 @@ QString SystemHost::daemonLog() const
 
 QByteArray SystemHost::rawRequest(const QByteArray &line, int timeoutMs) const
 {
-    QLocalSocket socket;
-    socket.connectToServer(VpnServiceProtocol::socketPath());
-    if (!socket.waitForConnected(5000))
-        return QByteArray();
-    socket.write(line);
-    socket.waitForBytesWritten(2000);
-    QByteArray reply;
-    QElapsedTimer clock;
-    clock.start();
-    while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
-        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState
-            && socket.bytesAvailable() == 0)
-            break;
-        reply += socket.readAll();
-    }
-    return reply;
+    return exchangeRaw(VpnServiceProtocol::socketPath(), {line}, timeoutMs);
 }
 
 QJsonObject SystemHost::request(const QJsonObject &message, int timeoutMs) const
 {
-    QLocalSocket socket;
-    socket.connectToServer(VpnServiceProtocol::socketPath());
-    if (!socket.waitForConnected(5000))
-        return QJsonObject();
-    socket.write(VpnServiceProtocol::encodeMessage(message));
-    socket.waitForBytesWritten(2000);
-    QJsonObject reply;
-    VpnServiceProtocol::readMessage(&socket, &reply, nullptr, timeoutMs);
-    return reply;
+    return exchangeJson(VpnServiceProtocol::socketPath(), message, timeoutMs);
 }
 
 QByteArray SystemHost::stateBytes() const

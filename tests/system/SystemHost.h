@@ -5,6 +5,14 @@
 #include <QString>
 #include <QStringList>
 
+// Skips the calling test unless it may use the sandboxed host.
+#define REQUIRE_SANDBOX()                                                                          \
+    do {                                                                                           \
+        const QString reason = SystemHost::unavailableReason();                                    \
+        if (!reason.isEmpty())                                                                     \
+            QSKIP(qPrintable(reason));                                                             \
+    } while (false)
+
 // The macOS host as the unmodified daemon sees it inside the sandbox: the
 // stand-in tools at /sbin/route and the other real paths, the daemon and the
 // tunnel stand-in in /opt/tarvex, the simulated state in StateDir.

@@ -7,13 +7,6 @@
 #include <QJsonDocument>
 #include <QTest>
 
-#define REQUIRE_SANDBOX()                                                                          \
-    do {                                                                                           \
-        const QString reason = SystemHost::unavailableReason();                                    \
-        if (!reason.isEmpty())                                                                     \
-            QSKIP(qPrintable(reason));                                                             \
-    } while (false)
-
 class TestSystemClient : public QObject
 {
     Q_OBJECT

@@ -11,13 +11,6 @@
 #include <csignal>
 #include <future>
 
-#define REQUIRE_SANDBOX()                                                                          \
-    do {                                                                                           \
-        const QString reason = SystemHost::unavailableReason();                                    \
-        if (!reason.isEmpty())                                                                     \
-            QSKIP(qPrintable(reason));                                                             \
-    } while (false)
-
 namespace {
 
 const QByteArray OriginalHosts = "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
@@ -112,39 +105,43 @@ private Q_SLOTS:
         QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
     }
 
-    void onlySelectedLeavesDnsAlone()
+    void undoesSplitTunnelExactly_data()
     {
-        REQUIRE_SANDBOX();
-        SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
-        const QByteArray before = host.stateBytes();
-        const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply = host.request(connectRequest(config, peerFor(config, 1, {"10.1.2.3", "192.0.2.0/24"})));
-        QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
-        const QJsonObject state = host.state();
-        QVERIFY(hasRoute(state, "10.1.2.3", "utun2"));
-        QVERIFY(hasRoute(state, "192.0.2.0/24", "utun2"));
-        QVERIFY(!hasRoute(state, "0.0.0.0/1", "utun2"));
-        QVERIFY(host.calls("networksetup").isEmpty());
-        host.request(DisconnectRequest);
-        QCOMPARE(host.stateBytes(), before);
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QStringList>("destinations");
+        QTest::addColumn<QStringList>("routed");     // destination@via present while connected
+        QTest::addColumn<QStringList>("notRouted");
+        QTest::addColumn<bool>("dnsChanged");
+        QTest::newRow("only selected") << 1 << QStringList{"10.1.2.3", "192.0.2.0/24"}
+                                       << QStringList{"10.1.2.3@utun2", "192.0.2.0/24@utun2"}
+                                       << QStringList{"0.0.0.0/1@utun2"} << false;
+        QTest::newRow("exclusions") << 2 << QStringList{"203.0.113.0/24", "2001:db8::/32"}
+                                    << QStringList{"203.0.113.0/24@192.168.1.1", "0.0.0.0/1@utun2"}
+                                    << QStringList{"2001:db8::/32@192.168.1.1"} << true;
     }
 
-    void exclusionsGoThroughGateway()
+    void undoesSplitTunnelExactly()
     {
         REQUIRE_SANDBOX();
+        QFETCH(int, mode);
+        QFETCH(QStringList, destinations);
+        QFETCH(QStringList, routed);
+        QFETCH(QStringList, notRouted);
+        QFETCH(bool, dnsChanged);
         SystemHost host;
         host.installTunnel();
         QVERIFY(host.startDaemon());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply = host.request(connectRequest(config, peerFor(config, 2, {"203.0.113.0/24", "2001:db8::/32"})));
+        const QJsonObject reply = host.request(connectRequest(config, peerFor(config, mode, destinations)));
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         const QJsonObject state = host.state();
-        QVERIFY(hasRoute(state, "203.0.113.0/24", "192.168.1.1"));
-        QVERIFY(hasRoute(state, "0.0.0.0/1", "utun2"));
-        QCOMPARE(dnsOf(state, "Wi-Fi"), (QStringList{"1.1.1.1", "1.0.0.1"}));
+        for (const QString &route : routed)
+            QVERIFY2(hasRoute(state, route.section('@', 0, 0), route.section('@', 1)), qPrintable(route));
+        for (const QString &route : notRouted)
+            QVERIFY2(!hasRoute(state, route.section('@', 0, 0), route.section('@', 1)), qPrintable(route));
+        QCOMPARE(dnsOf(state, "Wi-Fi") == (QStringList{"1.1.1.1", "1.0.0.1"}), dnsChanged);
+        QCOMPARE(host.calls("networksetup").isEmpty(), !dnsChanged);
         host.request(DisconnectRequest);
         QCOMPARE(host.stateBytes(), before);
     }

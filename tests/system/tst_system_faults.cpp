@@ -50,9 +50,7 @@ class TestSystemFaults : public QObject
 private Q_SLOTS:
     void everyCycleRestoresTheHost()
     {
-        const QString reason = SystemHost::unavailableReason();
-        if (!reason.isEmpty())
-            QSKIP(qPrintable(reason));
+        REQUIRE_SANDBOX();
         const quint32 seed = qEnvironmentVariableIsSet("TARVEX_FAULT_SEED") ? quint32(qEnvironmentVariableIntValue("TARVEX_FAULT_SEED")) : 20261122u;
         const int cycles = qEnvironmentVariableIsSet("TARVEX_FAULT_CYCLES") ? qEnvironmentVariableIntValue("TARVEX_FAULT_CYCLES") : 40;
         QRandomGenerator random(seed);

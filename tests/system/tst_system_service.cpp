@@ -13,13 +13,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#define REQUIRE_SANDBOX()                                                                          \
-    do {                                                                                           \
-        const QString reason = SystemHost::unavailableReason();                                    \
-        if (!reason.isEmpty())                                                                     \
-            QSKIP(qPrintable(reason));                                                             \
-    } while (false)
-
 class TestSystemService : public QObject
 {
     Q_OBJECT
