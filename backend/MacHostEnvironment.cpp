@@ -3,12 +3,8 @@
 #include "backend/BackendConstants.h"
 
 MacHostEnvironment::MacHostEnvironment()
-    : ifconfigTool(IfconfigTool),
-      routeTool(RouteTool),
-      networksetupTool(NetworksetupTool),
-      dscacheutilTool(DscacheutilTool),
-      killallTool(KillallTool),
-      runtimeDir(RuntimeDir),
+    : ifconfigTool(IfconfigTool), routeTool(RouteTool), networksetupTool(NetworksetupTool),
+      dscacheutilTool(DscacheutilTool), killallTool(KillallTool), runtimeDir(RuntimeDir),
       hostsFile(HostsFilePath),
       lookupHost([](const QString &name) { return QHostInfo::fromName(name); })
 {

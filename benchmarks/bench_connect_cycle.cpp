@@ -34,8 +34,8 @@ double cpuMs()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0
-           + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0 +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
 }
 
 bool startsWith(const Line &line, const char *prefix)
@@ -66,13 +66,14 @@ std::pair<double, int> childTime()
             }
         }
         // The clean-up stops the tunnel program right before it flushes the caches.
-        if (startsWith(lines[i], "[MacVpnBackend] flushDnsCache") && i > 0
-            && lines[i - 1].text.contains(QLatin1String("command "))) {
+        if (startsWith(lines[i], "[MacVpnBackend] flushDnsCache") && i > 0 &&
+            lines[i - 1].text.contains(QLatin1String("command "))) {
             bool inCleanup = false;
             for (size_t k = i; k-- > 0 && !inCleanup;) {
                 if (startsWith(lines[k], "[MacVpnBackend] cleanup"))
                     inCleanup = true;
-                else if (startsWith(lines[k], "[MacVpnBackend] flushDnsCache") || startsWith(lines[k], "[MacVpnBackend] connected"))
+                else if (startsWith(lines[k], "[MacVpnBackend] flushDnsCache") ||
+                         startsWith(lines[k], "[MacVpnBackend] connected"))
                     break;
             }
             if (inCleanup)
@@ -126,8 +127,12 @@ int main(int argc, char *argv[])
         cpus.push_back(cpuMs() - cpuBefore);
     }
 
-    std::printf("connect+disconnect cycle: %.1f ms wall, %d waits for child processes\n", median(walls), waits);
-    std::printf("service's own overhead: %.2f ms (wall minus time blocked on children; limit 10 ms)\n", median(overheads));
-    std::printf("service's CPU time: %.2f ms per cycle (process spawning included)\n", median(cpus));
+    std::printf("connect+disconnect cycle: %.1f ms wall, %d waits for child processes\n",
+                median(walls), waits);
+    std::printf(
+        "service's own overhead: %.2f ms (wall minus time blocked on children; limit 10 ms)\n",
+        median(overheads));
+    std::printf("service's CPU time: %.2f ms per cycle (process spawning included)\n",
+                median(cpus));
     return 0;
 }

@@ -16,8 +16,8 @@ double cpuSeconds()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-           + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 } // namespace
@@ -40,6 +40,7 @@ int main(int argc, char *argv[])
     backend.cleanup();
 
     std::printf("name wait: %s after %.2f s wall, %.3f s CPU (%.2f %% of wall time; limit 5 %%)\n",
-                started ? "unexpected success" : "gave up", wallSeconds, cpu, 100.0 * cpu / wallSeconds);
+                started ? "unexpected success" : "gave up", wallSeconds, cpu,
+                100.0 * cpu / wallSeconds);
     return started ? 1 : 0;
 }

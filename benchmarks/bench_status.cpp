@@ -26,7 +26,8 @@ qint64 roundTrip(const QString &path)
     socket.connectToServer(path);
     if (!socket.waitForConnected(5000))
         return -1;
-    socket.write(VpnServiceProtocol::encodeMessage({{QStringLiteral("command"), QStringLiteral("status")}}));
+    socket.write(
+        VpnServiceProtocol::encodeMessage({{QStringLiteral("command"), QStringLiteral("status")}}));
     QJsonObject reply;
     if (!VpnServiceProtocol::readMessage(&socket, &reply, nullptr, 5000))
         return -1;
@@ -36,9 +37,12 @@ qint64 roundTrip(const QString &path)
 void print(const char *label, std::vector<qint64> latencies, qint64 wallMs, int failures)
 {
     std::sort(latencies.begin(), latencies.end());
-    const auto at = [&](double q) { return latencies.empty() ? 0 : latencies[size_t(q * double(latencies.size() - 1))]; };
-    std::printf("%-24s %6zu requests  %8.0f req/s  p50 %6.3f ms  p99 %6.3f ms  failures %d\n", label,
-                latencies.size(), double(latencies.size()) * 1000.0 / double(std::max<qint64>(wallMs, 1)),
+    const auto at = [&](double q) {
+        return latencies.empty() ? 0 : latencies[size_t(q * double(latencies.size() - 1))];
+    };
+    std::printf("%-24s %6zu requests  %8.0f req/s  p50 %6.3f ms  p99 %6.3f ms  failures %d\n",
+                label, latencies.size(),
+                double(latencies.size()) * 1000.0 / double(std::max<qint64>(wallMs, 1)),
                 double(at(0.50)) / 1000.0, double(at(0.99)) / 1000.0, failures);
 }
 

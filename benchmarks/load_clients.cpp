@@ -27,11 +27,11 @@ enum class Kind { Status, Malformed, Oversized, Idle, Vanishing };
 
 struct Figures
 {
-    int answered = 0;        // well-formed requests answered with ok true
-    int refused = 0;         // malformed and oversized lines answered with ok false
+    int answered = 0; // well-formed requests answered with ok true
+    int refused = 0;  // malformed and oversized lines answered with ok false
     int vanished = 0;
-    int errors = 0;          // anything unexpected
-    int stuck[5] = {};       // per kind: no answer within the deadline
+    int errors = 0;    // anything unexpected
+    int stuck[5] = {}; // per kind: no answer within the deadline
     std::vector<double> latenciesMs;
 };
 
@@ -57,14 +57,15 @@ private:
         clock.start();
         connect(socket.get(), &QLocalSocket::connected, this, [this] { send(); });
         connect(socket.get(), &QLocalSocket::readyRead, this, [this] { receive(); });
-        connect(socket.get(), &QLocalSocket::errorOccurred, this, [this](QLocalSocket::LocalSocketError error) {
-            if (error == QLocalSocket::PeerClosedError && !done)
-                receive(); // the answer may have come with the close
-            if (error != QLocalSocket::PeerClosedError && !done) {
-                ++figures.errors;
-                finish();
-            }
-        });
+        connect(socket.get(), &QLocalSocket::errorOccurred, this,
+                [this](QLocalSocket::LocalSocketError error) {
+                    if (error == QLocalSocket::PeerClosedError && !done)
+                        receive(); // the answer may have come with the close
+                    if (error != QLocalSocket::PeerClosedError && !done) {
+                        ++figures.errors;
+                        finish();
+                    }
+                });
         done = false;
         socket->connectToServer(path);
         if (kind != Kind::Idle) {
@@ -83,7 +84,8 @@ private:
     {
         switch (kind) {
         case Kind::Status:
-            socket->write(VpnServiceProtocol::encodeMessage({{QStringLiteral("command"), QStringLiteral("status")}}));
+            socket->write(VpnServiceProtocol::encodeMessage(
+                {{QStringLiteral("command"), QStringLiteral("status")}}));
             break;
         case Kind::Malformed:
             socket->write("{\"command\": status, oops\n");
@@ -112,7 +114,8 @@ private:
         reply += socket->readAll();
         if (!reply.contains('\n') || done)
             return;
-        const QJsonObject message = QJsonDocument::fromJson(reply.left(reply.indexOf('\n'))).object();
+        const QJsonObject message =
+            QJsonDocument::fromJson(reply.left(reply.indexOf('\n'))).object();
         const bool ok = message.value(QStringLiteral("ok")).toBool();
         if (kind == Kind::Status && ok) {
             ++figures.answered;
@@ -182,8 +185,11 @@ int main(int argc, char *argv[])
     // 15 idle, 10 vanishing.
     const auto kindOf = [clients](int i) {
         const int share = i * 100 / clients;
-        return share < 60 ? Kind::Status : share < 70 ? Kind::Malformed : share < 75 ? Kind::Oversized
-               : share < 90 ? Kind::Idle : Kind::Vanishing;
+        return share < 60   ? Kind::Status
+               : share < 70 ? Kind::Malformed
+               : share < 75 ? Kind::Oversized
+               : share < 90 ? Kind::Idle
+                            : Kind::Vanishing;
     };
     int statusClients = 0;
     int idleClients = 0;
@@ -200,7 +206,10 @@ int main(int argc, char *argv[])
     std::vector<std::unique_ptr<Client>> pool;
     for (int i = 0; i < clients; ++i) {
         const Kind kind = kindOf(i);
-        const int rounds = kind == Kind::Status ? perStatusClient : kind == Kind::Idle ? 1 : kind == Kind::Oversized ? 4 : 40;
+        const int rounds = kind == Kind::Status      ? perStatusClient
+                           : kind == Kind::Idle      ? 1
+                           : kind == Kind::Oversized ? 4
+                                                     : 40;
         pool.push_back(std::make_unique<Client>(kind, path, rounds, figures, running));
     }
 
@@ -215,24 +224,30 @@ int main(int argc, char *argv[])
     QLocalSocket probe;
     probe.connectToServer(path);
     QJsonObject reply;
-    const bool alive = probe.waitForConnected(5000)
-                       && probe.write(VpnServiceProtocol::encodeMessage({{QStringLiteral("command"), QStringLiteral("status")}})) > 0
-                       && VpnServiceProtocol::readMessage(&probe, &reply, nullptr, 5000);
+    const bool alive = probe.waitForConnected(5000) &&
+                       probe.write(VpnServiceProtocol::encodeMessage(
+                           {{QStringLiteral("command"), QStringLiteral("status")}})) > 0 &&
+                       VpnServiceProtocol::readMessage(&probe, &reply, nullptr, 5000);
 
     std::sort(figures.latenciesMs.begin(), figures.latenciesMs.end());
     const auto at = [&](double q) {
-        return figures.latenciesMs.empty() ? 0.0 : figures.latenciesMs[size_t(q * double(figures.latenciesMs.size() - 1))];
+        return figures.latenciesMs.empty()
+                   ? 0.0
+                   : figures.latenciesMs[size_t(q * double(figures.latenciesMs.size() - 1))];
     };
     const int expected = statusClients * perStatusClient;
     std::printf("clients held: %d concurrent (%d idle throughout)\n", clients, idleClients);
-    std::printf("well-formed requests answered: %d of %d in %.1f s; latency p50 %.2f ms, p99 %.2f ms\n",
-                figures.answered, expected, seconds, at(0.50), at(0.99));
-    std::printf("malformed and oversized lines refused: %d; clients vanished mid-request: %d; unexpected: %d\n",
+    std::printf(
+        "well-formed requests answered: %d of %d in %.1f s; latency p50 %.2f ms, p99 %.2f ms\n",
+        figures.answered, expected, seconds, at(0.50), at(0.99));
+    std::printf("malformed and oversized lines refused: %d; clients vanished mid-request: %d; "
+                "unexpected: %d\n",
                 figures.refused, figures.vanished, figures.errors);
     if (pid > 0)
         std::printf("service peak memory (VmHWM): %ld KiB\n", peakMemoryKb(pid));
     std::printf("service answers afterwards: %s\n", alive ? "yes" : "NO");
-    static const char *const kinds[] = {"well-formed", "malformed", "oversized", "idle", "vanishing"};
+    static const char *const kinds[] = {"well-formed", "malformed", "oversized", "idle",
+                                        "vanishing"};
     for (int k = 0; k < 5; ++k) {
         if (figures.stuck[k] != 0)
             std::printf("no answer within 10 s: %d %s clients\n", figures.stuck[k], kinds[k]);

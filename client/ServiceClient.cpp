@@ -19,7 +19,8 @@ ServiceReply exchangeWithService(const QJsonObject &request, int timeoutMs)
         reply.failure = socket.errorString();
         return reply;
     }
-    reply.reached = VpnServiceProtocol::readMessage(&socket, &reply.message, &reply.failure, timeoutMs);
+    reply.reached =
+        VpnServiceProtocol::readMessage(&socket, &reply.message, &reply.failure, timeoutMs);
     if (reply.reached)
         reply.line = QJsonDocument(reply.message).toJson(QJsonDocument::Compact);
     return reply;

@@ -6,9 +6,9 @@
 // One request/reply exchange with the service over its socket.
 struct ServiceReply
 {
-    bool reached = false;  // the service answered with a message
-    QString failure;       // why not, when it did not
-    QByteArray line;       // the reply as received, without its line feed
+    bool reached = false; // the service answered with a message
+    QString failure;      // why not, when it did not
+    QByteArray line;      // the reply as received, without its line feed
     QJsonObject message;
 };
 

@@ -56,8 +56,10 @@ const char *const ConnectHelp =
     "  --only DEST...      send only these destinations through the tunnel\n"
     "  --exclude DEST...   send everything but these destinations through the tunnel\n";
 
-const char *const StatusHelp = "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of the current connection.\n";
-const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the service restores routes, DNS and /etc/hosts.\n";
+const char *const StatusHelp = "Usage: tarvexctl status\n\nShows the service's status, its last "
+                               "error and the settings of the current connection.\n";
+const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the "
+                                   "service restores routes, DNS and /etc/hosts.\n";
 
 QTextStream &out()
 {
@@ -91,7 +93,8 @@ bool readSource(const QString &source, QString *text, QString *problem)
     if (source.startsWith(QLatin1Char('@'))) {
         QFile file(source.mid(1));
         if (!file.open(QIODevice::ReadOnly)) {
-            *problem = QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
+            *problem =
+                QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
             return false;
         }
         *text = QString::fromUtf8(file.readAll());
@@ -118,7 +121,8 @@ void printReadable(const QJsonObject &reply)
             QStringList destinations;
             for (const QJsonValue &entry : split.value(QLatin1String("entries")).toArray())
                 destinations.append(entry.toObject().value(QLatin1String("value")).toString());
-            out() << (split.value(QLatin1String("mode")).toInt() == 1 ? "only through tunnel: " : "excluded from tunnel: ")
+            out() << (split.value(QLatin1String("mode")).toInt() == 1 ? "only through tunnel: "
+                                                                      : "excluded from tunnel: ")
                   << destinations.join(QLatin1String(", ")) << '\n';
         }
     }
@@ -127,8 +131,8 @@ void printReadable(const QJsonObject &reply)
 int report(const ServiceReply &reply, bool json)
 {
     if (!reply.reached) {
-        err() << "tarvexctl: the service is not reachable at " << VpnServiceProtocol::socketPath() << " ("
-              << reply.failure << "). Is TarvexVpnService running?\n";
+        err() << "tarvexctl: the service is not reachable at " << VpnServiceProtocol::socketPath()
+              << " (" << reply.failure << "). Is TarvexVpnService running?\n";
         return Unreachable;
     }
     if (json)
@@ -186,7 +190,8 @@ int runParse(const QStringList &args, bool json)
     if (!readAndParse(args.front(), &text, &result))
         return Refused;
     const QJsonDocument document(VpnServiceProtocol::parsedConfigToJson(result.config));
-    out() << QString::fromUtf8(document.toJson(json ? QJsonDocument::Compact : QJsonDocument::Indented));
+    out() << QString::fromUtf8(
+        document.toJson(json ? QJsonDocument::Compact : QJsonDocument::Indented));
     if (json)
         out() << '\n';
     return Ok;
@@ -216,7 +221,8 @@ int runConnect(const QStringList &args, bool json)
     if (source.isEmpty())
         return usage(QStringLiteral("connect needs a connection string"));
     if (mode != 0 && entries.isEmpty())
-        return usage(QStringLiteral("%1 needs at least one destination").arg(mode == 1 ? QStringLiteral("--only") : QStringLiteral("--exclude")));
+        return usage(QStringLiteral("%1 needs at least one destination")
+                         .arg(mode == 1 ? QStringLiteral("--only") : QStringLiteral("--exclude")));
 
     QString text;
     VpnConfigParseResult result;
@@ -225,12 +231,14 @@ int runConnect(const QStringList &args, bool json)
 
     QJsonObject peer{{QStringLiteral("config"), text.trimmed()}};
     if (mode != 0)
-        peer.insert(QStringLiteral("splitTunnel"), QJsonObject{{QStringLiteral("enabled"), true},
-                                                               {QStringLiteral("mode"), mode},
-                                                               {QStringLiteral("entries"), entries}});
-    const QJsonObject request{{QStringLiteral("command"), QStringLiteral("connect")},
-                              {QStringLiteral("config"), VpnServiceProtocol::parsedConfigToJson(result.config)},
-                              {QStringLiteral("peer"), peer}};
+        peer.insert(QStringLiteral("splitTunnel"),
+                    QJsonObject{{QStringLiteral("enabled"), true},
+                                {QStringLiteral("mode"), mode},
+                                {QStringLiteral("entries"), entries}});
+    const QJsonObject request{
+        {QStringLiteral("command"), QStringLiteral("connect")},
+        {QStringLiteral("config"), VpnServiceProtocol::parsedConfigToJson(result.config)},
+        {QStringLiteral("peer"), peer}};
     return report(exchangeWithProgress(request, ConnectTimeoutMs, "connecting"), json);
 }
 
@@ -269,9 +277,15 @@ int main(int argc, char *argv[])
             rest.append(arg);
     }
 
-    struct Command { const char *name; const char *help; };
-    static const Command commands[] = {{"parse", ParseHelp}, {"connect", ConnectHelp},
-                                       {"status", StatusHelp}, {"disconnect", DisconnectHelp}};
+    struct Command
+    {
+        const char *name;
+        const char *help;
+    };
+    static const Command commands[] = {{"parse", ParseHelp},
+                                       {"connect", ConnectHelp},
+                                       {"status", StatusHelp},
+                                       {"disconnect", DisconnectHelp}};
     if (command.isEmpty()) {
         (help ? out() : err()) << MainHelp;
         return help ? Ok : Usage;

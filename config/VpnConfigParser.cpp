@@ -1,11 +1,11 @@
 #include "config/VpnConfigParser.h"
 
 #include <QCoreApplication>
-#include <QtEndian>
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
+#include <QtEndian>
 
 namespace {
 
@@ -35,8 +35,8 @@ QJsonObject chooseContainer(const QJsonArray &containers, const QString &default
         const QJsonObject container = value.toObject();
         if (container.isEmpty())
             continue;
-        if (defaultContainer.isEmpty()
-            || container.value(QLatin1String("container")).toString() == defaultContainer)
+        if (defaultContainer.isEmpty() ||
+            container.value(QLatin1String("container")).toString() == defaultContainer)
             return container;
     }
     return QJsonObject();
@@ -84,7 +84,8 @@ VpnConfigParseResult VpnConfigParser::parseConfig(const QString &connectionStrin
     // rejected, so a string pasted with line breaks or padding still decodes.
     const QByteArray decoded = QByteArray::fromBase64(text.toUtf8(), QByteArray::Base64UrlEncoding);
     if (decoded.isEmpty())
-        return failure({}, QT_TRANSLATE_NOOP("QObject", "Не удалось декодировать VPN-конфигурацию"));
+        return failure({},
+                       QT_TRANSLATE_NOOP("QObject", "Не удалось декодировать VPN-конфигурацию"));
 
     const QByteArray json = plausiblyCompressed(decoded) ? qUncompress(decoded) : QByteArray();
     if (json.isEmpty())
@@ -108,29 +109,36 @@ VpnConfigParseResult VpnConfigParser::parseConfig(const QString &connectionStrin
 
     const QJsonArray containers = root.value(QLatin1String("containers")).toArray();
     if (containers.isEmpty())
-        return failure(std::move(result), QT_TRANSLATE_NOOP("QObject", "В VPN-конфигурации нет контейнеров"));
+        return failure(std::move(result),
+                       QT_TRANSLATE_NOOP("QObject", "В VPN-конфигурации нет контейнеров"));
 
     const QJsonObject container = chooseContainer(containers, config.defaultContainer);
     if (container.isEmpty())
-        return failure(std::move(result), QT_TRANSLATE_NOOP("QObject", "Контейнер VPN-конфигурации не найден"));
+        return failure(std::move(result),
+                       QT_TRANSLATE_NOOP("QObject", "Контейнер VPN-конфигурации не найден"));
     config.container = container.value(QLatin1String("container")).toString();
 
     config.protocolName = chooseProtocol(container, config.container);
     if (config.protocolName.isEmpty())
-        return failure(std::move(result), QT_TRANSLATE_NOOP("QObject", "Протокол VPN-конфигурации не найден"));
+        return failure(std::move(result),
+                       QT_TRANSLATE_NOOP("QObject", "Протокол VPN-конфигурации не найден"));
 
     config.protocolConfig = container.value(config.protocolName).toObject();
     if (config.protocolConfig.isEmpty())
-        return failure(std::move(result),
-                       QT_TRANSLATE_NOOP("QObject", "Настройки протокола VPN-конфигурации не найдены"));
+        return failure(
+            std::move(result),
+            QT_TRANSLATE_NOOP("QObject", "Настройки протокола VPN-конфигурации не найдены"));
 
     config.lastConfigRaw = config.protocolConfig.value(QLatin1String("last_config")).toString();
     if (config.lastConfigRaw.isEmpty())
-        return failure(std::move(result), QT_TRANSLATE_NOOP("QObject", "В VPN-конфигурации нет client-конфига"));
+        return failure(std::move(result),
+                       QT_TRANSLATE_NOOP("QObject", "В VPN-конфигурации нет client-конфига"));
 
-    const QJsonDocument client = QJsonDocument::fromJson(config.lastConfigRaw.toUtf8(), &parseError);
+    const QJsonDocument client =
+        QJsonDocument::fromJson(config.lastConfigRaw.toUtf8(), &parseError);
     if (parseError.error != QJsonParseError::NoError || !client.isObject())
-        return failure(std::move(result), QT_TRANSLATE_NOOP("QObject", "Client-конфиг VPN имеет неверный формат"),
+        return failure(std::move(result),
+                       QT_TRANSLATE_NOOP("QObject", "Client-конфиг VPN имеет неверный формат"),
                        parseError.errorString());
     config.lastConfig = client.object();
     if (config.hostName.isEmpty())

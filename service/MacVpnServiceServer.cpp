@@ -55,13 +55,14 @@ bool MacVpnServiceServer::start()
     }
 
     // The client application runs unprivileged; the file mode is what lets it in.
-    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner
-                                    | QFileDevice::ReadGroup | QFileDevice::WriteGroup
-                                    | QFileDevice::ReadOther | QFileDevice::WriteOther);
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                    QFileDevice::ReadGroup | QFileDevice::WriteGroup |
+                                    QFileDevice::ReadOther | QFileDevice::WriteOther);
     const uint euid = geteuid();
     qInfo() << "[MacVpnServiceServer] listening" << path << "euid=" << euid;
     if (euid != 0)
-        qWarning() << "[MacVpnServiceServer] service is not running as root; utun creation may fail";
+        qWarning()
+            << "[MacVpnServiceServer] service is not running as root; utun creation may fail";
     return true;
 }
 

@@ -4,8 +4,7 @@
 #include <QProcess>
 
 bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
-                               QString *standardOutput, QString *standardError,
-                               int timeoutMs) const
+                               QString *standardOutput, QString *standardError, int timeoutMs) const
 {
     qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
 
@@ -29,8 +28,8 @@ bool MacVpnBackend::runCommand(const QString &program, const QStringList &argume
 
     const QString out = QString::fromUtf8(process.readAllStandardOutput());
     const QString err = QString::fromUtf8(process.readAllStandardError());
-    qInfo() << "[MacVpnBackend] command finished" << program << "exitStatus=" << process.exitStatus()
-            << "exitCode=" << process.exitCode();
+    qInfo() << "[MacVpnBackend] command finished" << program
+            << "exitStatus=" << process.exitStatus() << "exitCode=" << process.exitCode();
     qInfo().noquote() << QLatin1String("[MacVpnBackend] command stdout =\n") + out.trimmed();
     qInfo().noquote() << QLatin1String("[MacVpnBackend] command stderr =\n") + err.trimmed();
 

@@ -45,8 +45,8 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
 
     const QString setConfig = uapiSetConfig(config);
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n")
-                             + LogMasking::uapiText(setConfig);
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") +
+                             LogMasking::uapiText(setConfig);
     const QString reply = uapiCommand(setConfig);
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi reply =\n") + reply;
     const int error = uapiErrno(reply);

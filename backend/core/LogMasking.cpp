@@ -12,8 +12,9 @@ const QString Mask = QString::fromLatin1(LogMask);
 
 bool isSecretKey(const QString &key)
 {
-    static const char *const secrets[] = {"client_priv_key", "psk_key", "private_key", "preshared_key",
-                                          "last_config", "lastConfigRaw", "config"};
+    static const char *const secrets[] = {"client_priv_key", "psk_key",     "private_key",
+                                          "preshared_key",   "last_config", "lastConfigRaw",
+                                          "config"};
     for (const char *secret : secrets) {
         if (key == QLatin1String(secret))
             return true;
@@ -77,7 +78,8 @@ QString messageLine(const QByteArray &line)
     const QJsonDocument document = QJsonDocument::fromJson(line);
     if (!document.isObject())
         return maskPatterns(QString::fromUtf8(line));
-    return maskPatterns(QString::fromUtf8(QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact)));
+    return maskPatterns(QString::fromUtf8(
+        QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact)));
 }
 
 } // namespace LogMasking

@@ -51,8 +51,9 @@ void MacVpnBackend::removeControlPlaneBypass()
 {
     unpinControlPlaneHosts();
     for (const QString &address : std::as_const(controlPlaneBypassHosts))
-        runCommand(host.routeTool,
-                   {QStringLiteral("-n"), QStringLiteral("delete"), QStringLiteral("-host"), address},
-                   nullptr, nullptr, CommandTimeoutMs);
+        runCommand(
+            host.routeTool,
+            {QStringLiteral("-n"), QStringLiteral("delete"), QStringLiteral("-host"), address},
+            nullptr, nullptr, CommandTimeoutMs);
     controlPlaneBypassHosts.clear();
 }

@@ -32,14 +32,15 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
     for (const QString &line : lines) {
         const QString service = line.trimmed();
         // A leading asterisk marks a disabled service; the first line explains that.
-        if (service.isEmpty() || service.startsWith(QLatin1Char('*'))
-            || service.startsWith(QLatin1String("An asterisk")))
+        if (service.isEmpty() || service.startsWith(QLatin1Char('*')) ||
+            service.startsWith(QLatin1String("An asterisk")))
             continue;
 
         QString current;
         const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current,
                                      nullptr, CommandTimeoutMs);
-        qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "=" << current.trimmed();
+        qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "="
+                          << current.trimmed();
         // Servers we could not read could not be put back either: such a
         // service keeps its own rather than losing them on disconnect.
         if (!read) {
@@ -48,7 +49,8 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
         }
 
         QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        if (saved.size() == 1 && saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
+        if (saved.size() == 1 &&
+            saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
             saved.clear();
         savedDnsServers.insert(service, saved);
 
@@ -61,8 +63,8 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
 void MacVpnBackend::restoreDns()
 {
     for (auto it = savedDnsServers.cbegin(); it != savedDnsServers.cend(); ++it) {
-        const QStringList servers = it.value().isEmpty() ? QStringList{QStringLiteral("Empty")}
-                                                         : it.value();
+        const QStringList servers =
+            it.value().isEmpty() ? QStringList{QStringLiteral("Empty")} : it.value();
         runCommand(host.networksetupTool, QStringList{SetServers, it.key()} + servers, nullptr,
                    nullptr, CommandTimeoutMs);
     }

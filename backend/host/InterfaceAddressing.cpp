@@ -25,18 +25,23 @@ bool MacVpnBackend::configureInterface(const ParsedVpnConfig &config)
     // A point-to-point link to ourselves: routing through it is set up
     // separately, so the peer side needs no address of its own.
     QString standardError;
-    const QStringList ipv4 = {tunnelInterface,  QStringLiteral("inet"), address,
-                              address,          QStringLiteral("netmask"),
+    const QStringList ipv4 = {tunnelInterface,
+                              QStringLiteral("inet"),
+                              address,
+                              address,
+                              QStringLiteral("netmask"),
                               QStringLiteral("255.255.255.255"),
-                              QStringLiteral("mtu"), mtuText, QStringLiteral("up")};
+                              QStringLiteral("mtu"),
+                              mtuText,
+                              QStringLiteral("up")};
     if (!runCommand(host.ifconfigTool, ipv4, nullptr, &standardError, CommandTimeoutMs)) {
         setError(tr("Не удалось настроить IPv4 интерфейса: %1").arg(standardError.trimmed()));
         return false;
     }
 
-    const QStringList ipv6 = {tunnelInterface, QStringLiteral("inet6"), DefaultIpv6Address,
-                              QStringLiteral("prefixlen"), QStringLiteral("128"),
-                              QStringLiteral("alias")};
+    const QStringList ipv6 = {tunnelInterface,       QStringLiteral("inet6"),
+                              DefaultIpv6Address,    QStringLiteral("prefixlen"),
+                              QStringLiteral("128"), QStringLiteral("alias")};
     runCommand(host.ifconfigTool, ipv6, nullptr, nullptr, CommandTimeoutMs);
     return true;
 }

@@ -17,7 +17,8 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
 {
     serverHost = endpointHost(config);
     const QString gateway = defaultGateway();
-    const bool splitActive = splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2);
+    const bool splitActive =
+        splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2);
     const QStringList splitRoutes = splitActive ? splitTunnelRoutes() : QStringList();
     const bool splitPresent = splitActive && !splitRoutes.isEmpty();
 
@@ -70,7 +71,8 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
         ipv4Destinations = {QStringLiteral("0.0.0.0/1"), QStringLiteral("128.0.0.0/1")};
     } else {
         for (const QString &range : allowed) {
-            if (!range.isEmpty() && range.front() >= QLatin1Char('0') && range.front() <= QLatin1Char('9'))
+            if (!range.isEmpty() && range.front() >= QLatin1Char('0') &&
+                range.front() <= QLatin1Char('9'))
                 ipv4Destinations.append(range);
         }
     }
@@ -82,10 +84,10 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
     }
     if (allowed.contains(QLatin1String("::/0"))) {
         for (const QString &destination : {QStringLiteral("::/1"), QStringLiteral("8000::/1")}) {
-            runCommand(host.routeTool,
-                       {NumericFlag, Add, Inet6Flag, NetType, destination, InterfaceFlag,
-                        tunnelInterface},
-                       nullptr, nullptr, CommandTimeoutMs);
+            runCommand(
+                host.routeTool,
+                {NumericFlag, Add, Inet6Flag, NetType, destination, InterfaceFlag, tunnelInterface},
+                nullptr, nullptr, CommandTimeoutMs);
             // Recorded whatever happened, so that removal tries it as well.
             installedRoutes.append({QStringLiteral("inet6"), destination, NetType});
         }
@@ -96,8 +98,9 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
             return true;
         for (const QString &route : splitRoutes) {
             const QString type = routeType(route);
-            if (!addRoute({NumericFlag, Add, type, route, gateway},
-                          QT_TR_NOOP("Не удалось добавить исключение раздельного туннелирования: %1")))
+            if (!addRoute(
+                    {NumericFlag, Add, type, route, gateway},
+                    QT_TR_NOOP("Не удалось добавить исключение раздельного туннелирования: %1")))
                 return false;
             installedRoutes.append({QStringLiteral("inet"), route, type});
         }

@@ -19,8 +19,8 @@ int MacVpnBackend::endpointPort(const ParsedVpnConfig &config) const
     if (port.isDouble()) {
         const double number = port.toDouble();
         const bool whole = std::floor(number) == number;
-        const bool fits = number >= std::numeric_limits<int>::min()
-                          && number <= std::numeric_limits<int>::max();
+        const bool fits =
+            number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max();
         return whole && fits ? static_cast<int>(number) : 0;
     }
     bool ok = false;

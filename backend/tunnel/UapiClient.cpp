@@ -16,8 +16,8 @@ QString MacVpnBackend::uapiCommand(const QString &payload)
 {
     qInfo() << "[MacVpnBackend] uapiCommand"
             << "interface=" << tunnelInterface;
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n")
-                             + LogMasking::uapiText(payload);
+    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n") +
+                             LogMasking::uapiText(payload);
 
     QLocalSocket socket;
     socket.connectToServer(QDir(runtimeDir).filePath(tunnelInterface + QLatin1String(".sock")),

@@ -7,7 +7,7 @@ namespace {
 // AmneziaWG interface parameters: read under the client configuration's
 // capitalised names, written under the protocol's lower-case keys.
 constexpr const char *AmneziaParameters[] = {"Jc", "Jmin", "Jmax", "S1", "S2", "S3", "S4", "H1",
-                                             "H2", "H3", "H4", "I1", "I2", "I3", "I4", "I5"};
+                                             "H2", "H3",   "H4",   "I1", "I2", "I3", "I4", "I5"};
 
 QString stringMember(const QJsonObject &object, const char *key)
 {

@@ -68,9 +68,11 @@ private Q_SLOTS:
 
         backend.setStatus(PlatformVpnBackend::Connecting);
         QCOMPARE(changed.count(), 1);
-        QCOMPARE(changed.at(0).at(0).value<PlatformVpnBackend::Status>(), PlatformVpnBackend::Connecting);
+        QCOMPARE(changed.at(0).at(0).value<PlatformVpnBackend::Status>(),
+                 PlatformVpnBackend::Connecting);
         QCOMPARE(backend.status(), PlatformVpnBackend::Connecting);
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] status changed PlatformVpnBackend::Connecting")));
+        QVERIFY(log.contains(
+            QStringLiteral("[MacVpnBackend] status changed PlatformVpnBackend::Connecting")));
     }
 
     void errorsMoveToErrorStatus()

@@ -13,7 +13,10 @@ class TestCommandRunner : public QObject
     Q_OBJECT
 
 private:
-    static QStringList sh(const char *script) { return {QStringLiteral("-c"), QLatin1String(script)}; }
+    static QStringList sh(const char *script)
+    {
+        return {QStringLiteral("-c"), QLatin1String(script)};
+    }
     const QString shell = QStringLiteral("/bin/sh");
 
 private Q_SLOTS:
@@ -24,7 +27,8 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QString out = QStringLiteral("untouched");
         QString err;
-        QVERIFY(!backend.runCommand(host.path(QStringLiteral("no-such-tool")), {}, &out, &err, 5000));
+        QVERIFY(
+            !backend.runCommand(host.path(QStringLiteral("no-such-tool")), {}, &out, &err, 5000));
         QVERIFY(!err.isEmpty());
         QCOMPARE(out, QStringLiteral("untouched"));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command start failed \"%1\" \"%2\"")
@@ -54,14 +58,16 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QString out;
         QString err;
-        QVERIFY(!backend.runCommand(shell, sh("echo out; echo '  bad thing  ' >&2; exit 1"), &out, &err, 5000));
+        QVERIFY(!backend.runCommand(shell, sh("echo out; echo '  bad thing  ' >&2; exit 1"), &out,
+                                    &err, 5000));
         QCOMPARE(out, QStringLiteral("out\n"));
         QCOMPARE(err, QStringLiteral("  bad thing  \n"));
-        QVERIFY(log.contains(QStringLiteral(
-            "[MacVpnBackend] command finished \"/bin/sh\" exitStatus= QProcess::NormalExit exitCode= 1")));
+        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command finished \"/bin/sh\" "
+                                            "exitStatus= QProcess::NormalExit exitCode= 1")));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command stdout =\nout")));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command stderr =\nbad thing")));
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command failed \"/bin/sh\" exitCode= 1 stderr= \"bad thing\"")));
+        QVERIFY(log.contains(QStringLiteral(
+            "[MacVpnBackend] command failed \"/bin/sh\" exitCode= 1 stderr= \"bad thing\"")));
     }
 
     void crashIsFailureEvenWithCodeZero()
@@ -83,7 +89,8 @@ private Q_SLOTS:
         QVERIFY(backend.runCommand(shell, sh("true"), &out, &err, 5000));
         QCOMPARE(out, QString());
         QCOMPARE(err, QString());
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] runCommand \"/bin/sh\" QList(\"-c\", \"true\")")));
+        QVERIFY(log.contains(
+            QStringLiteral("[MacVpnBackend] runCommand \"/bin/sh\" QList(\"-c\", \"true\")")));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] command stdout =\n")));
         QVERIFY(!log.contains(QStringLiteral("command failed")));
     }

@@ -20,8 +20,10 @@ Statuses statuses(const QSignalSpy &spy)
 
 QVariantMap splitPeer(int mode, const QString &destination)
 {
-    return {{"splitTunnel", QVariantMap{{"enabled", true}, {"mode", mode},
-                                        {"entries", QVariantList{QVariantMap{{"value", destination}}}}}}};
+    return {{"splitTunnel",
+             QVariantMap{{"enabled", true},
+                         {"mode", mode},
+                         {"entries", QVariantList{QVariantMap{{"value", destination}}}}}}};
 }
 
 } // namespace
@@ -44,14 +46,16 @@ private Q_SLOTS:
 
         backend.connectVpn(clientConfig());
         QCOMPARE(backend.lastError(), QString());
-        QCOMPARE(statuses(changed), (Statuses{PlatformVpnBackend::Connecting, PlatformVpnBackend::Connected}));
+        QCOMPARE(statuses(changed),
+                 (Statuses{PlatformVpnBackend::Connecting, PlatformVpnBackend::Connected}));
         QCOMPARE(connected.count(), 1);
         QCOMPARE(MacVpnBackendInspector::tunnelInterface(backend), QStringLiteral("utun2"));
         QCOMPARE(host.calls("networksetup").size(), 7);
         QVERIFY(host.counter("flushcache") >= 2);
 
         backend.disconnectVpn();
-        QCOMPARE(statuses(changed).mid(2), (Statuses{PlatformVpnBackend::Disconnecting, PlatformVpnBackend::Disconnected}));
+        QCOMPARE(statuses(changed).mid(2),
+                 (Statuses{PlatformVpnBackend::Disconnecting, PlatformVpnBackend::Disconnected}));
         QCOMPARE(disconnected.count(), 1);
         QCOMPARE(host.stateBytes(), before);
         QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
@@ -72,17 +76,20 @@ private Q_SLOTS:
         QSignalSpy changed(&backend, &PlatformVpnBackend::statusChanged);
         QSignalSpy errors(&backend, &PlatformVpnBackend::errorOccurred);
         static_cast<PlatformVpnBackend &>(backend).connectVpn(clientConfig());
-        QCOMPARE(statuses(changed), (Statuses{PlatformVpnBackend::Connecting, PlatformVpnBackend::Error}));
+        QCOMPARE(statuses(changed),
+                 (Statuses{PlatformVpnBackend::Connecting, PlatformVpnBackend::Error}));
         QCOMPARE(errors.count(), 1);
         QCOMPARE(backend.lastError(), QStringLiteral("Не найден amneziawg-go рядом с приложением"));
         QCOMPARE(log.count("[MacVpnBackend] cleanup"), 1);
         QVERIFY(log.contains("[MacVpnBackend] amneziawg-go not found"));
-        QVERIFY(log.contains("[MacVpnBackend] connectVpn start container= \"amnezia-awg\" protocol= \"awg\" host= \"203.0.113.5\""));
+        QVERIFY(log.contains("[MacVpnBackend] connectVpn start container= \"amnezia-awg\" "
+                             "protocol= \"awg\" host= \"203.0.113.5\""));
 
         // Disconnecting afterwards clears the error and cleans up once more.
         log.clear();
         backend.disconnectVpn();
-        QCOMPARE(statuses(changed).mid(2), (Statuses{PlatformVpnBackend::Disconnecting, PlatformVpnBackend::Disconnected}));
+        QCOMPARE(statuses(changed).mid(2),
+                 (Statuses{PlatformVpnBackend::Disconnecting, PlatformVpnBackend::Disconnected}));
         QCOMPARE(backend.lastError(), QString());
         QCOMPARE(log.count("[MacVpnBackend] cleanup"), 1);
     }
@@ -105,7 +112,8 @@ private Q_SLOTS:
         // Without a fault, a port the program cannot take makes it refuse.
         backend.connectVpn(fault.isEmpty() ? clientConfig({{"port", 0}}) : clientConfig());
         QCOMPARE(backend.status(), PlatformVpnBackend::Error);
-        QCOMPARE(backend.lastError(), QStringLiteral("Не удалось применить WireGuard/AWG-конфигурацию"));
+        QCOMPARE(backend.lastError(),
+                 QStringLiteral("Не удалось применить WireGuard/AWG-конфигурацию"));
         QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
         QVERIFY(host.calls("ifconfig").isEmpty());
         QCOMPARE(host.stateBytes(), before);

@@ -8,8 +8,9 @@
 
 namespace {
 
-const QByteArray Block = "# BEGIN TARVEX_VPN_CLIENT\n198.51.100.10\ttarvex.com\n198.51.100.11\ttarvex.com\n"
-                         "# END TARVEX_VPN_CLIENT\n";
+const QByteArray Block =
+    "# BEGIN TARVEX_VPN_CLIENT\n198.51.100.10\ttarvex.com\n198.51.100.11\ttarvex.com\n"
+    "# END TARVEX_VPN_CLIENT\n";
 
 } // namespace
 
@@ -32,7 +33,10 @@ private:
         QFile file(host->hostsFile());
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
     }
-    void pin(const QStringList &addresses = {"198.51.100.10", "198.51.100.11"}) { backend->pinControlPlaneHosts(addresses); }
+    void pin(const QStringList &addresses = {"198.51.100.10", "198.51.100.11"})
+    {
+        backend->pinControlPlaneHosts(addresses);
+    }
 
 private Q_SLOTS:
     void init()
@@ -59,8 +63,10 @@ private Q_SLOTS:
         write("127.0.0.1\tlocalhost\n\n");
         pin();
         pin({"192.0.2.1"});
-        QCOMPARE(read(), QByteArray("127.0.0.1\tlocalhost\n# BEGIN TARVEX_VPN_CLIENT\n192.0.2.1\ttarvex.com\n"
-                                    "# END TARVEX_VPN_CLIENT\n"));
+        QCOMPARE(
+            read(),
+            QByteArray("127.0.0.1\tlocalhost\n# BEGIN TARVEX_VPN_CLIENT\n192.0.2.1\ttarvex.com\n"
+                       "# END TARVEX_VPN_CLIENT\n"));
     }
 
     void unpinsFileHoldingOnlyBlock()
@@ -73,8 +79,10 @@ private Q_SLOTS:
     void leavesIncompleteBlocksAlone_data()
     {
         QTest::addColumn<QByteArray>("text");
-        QTest::newRow("no begin") << QByteArray("127.0.0.1\tlocalhost\n# END TARVEX_VPN_CLIENT\n\n\n\n");
-        QTest::newRow("end before begin") << QByteArray("# END TARVEX_VPN_CLIENT\nx\n# BEGIN TARVEX_VPN_CLIENT\n\n\n\n");
+        QTest::newRow("no begin") << QByteArray(
+            "127.0.0.1\tlocalhost\n# END TARVEX_VPN_CLIENT\n\n\n\n");
+        QTest::newRow("end before begin")
+            << QByteArray("# END TARVEX_VPN_CLIENT\nx\n# BEGIN TARVEX_VPN_CLIENT\n\n\n\n");
         QTest::newRow("no end") << QByteArray("# BEGIN TARVEX_VPN_CLIENT\n1.2.3.4\ttarvex.com");
     }
 
@@ -146,10 +154,13 @@ private Q_SLOTS:
         host->resolve("tarvex.com", {"198.51.100.10", "2001:db8::10", "198.51.100.11"});
         LogCapture log;
         backend->installControlPlaneBypass("192.168.1.1");
-        QCOMPARE(host->calls("route"), (QList<QStringList>{{"-n", "add", "-host", "198.51.100.10", "192.168.1.1"},
-                                                          {"-n", "add", "-host", "198.51.100.11", "192.168.1.1"}}));
-        QCOMPARE(MacVpnBackendInspector::bypassHosts(*backend), (QStringList{"198.51.100.10", "198.51.100.11"}));
-        QVERIFY(log.contains("[MacVpnBackend] control-plane bypass \"tarvex.com\" -> \"198.51.100.10\" via \"192.168.1.1\""));
+        QCOMPARE(host->calls("route"),
+                 (QList<QStringList>{{"-n", "add", "-host", "198.51.100.10", "192.168.1.1"},
+                                     {"-n", "add", "-host", "198.51.100.11", "192.168.1.1"}}));
+        QCOMPARE(MacVpnBackendInspector::bypassHosts(*backend),
+                 (QStringList{"198.51.100.10", "198.51.100.11"}));
+        QVERIFY(log.contains("[MacVpnBackend] control-plane bypass \"tarvex.com\" -> "
+                             "\"198.51.100.10\" via \"192.168.1.1\""));
         QCOMPARE(log.count("[MacVpnBackend] control-plane bypass \""), 2);
         QVERIFY(read().endsWith(Block));
         QCOMPARE(log.count("[MacVpnBackend] pinned control-plane host"), 1);
@@ -168,7 +179,9 @@ private Q_SLOTS:
         LogCapture log;
         backend->installControlPlaneBypass("192.168.1.1");
         QCOMPARE(host->calls("route").size(), 2);
-        QCOMPARE(log.count("[MacVpnBackend] control-plane route failed \"198.51.100.10\" \"route: simulated failure\""), 2);
+        QCOMPARE(log.count("[MacVpnBackend] control-plane route failed \"198.51.100.10\" \"route: "
+                           "simulated failure\""),
+                 2);
         QVERIFY(MacVpnBackendInspector::bypassHosts(*backend).isEmpty());
         QVERIFY(!read().contains("TARVEX_VPN_CLIENT"));
     }
@@ -197,7 +210,8 @@ private Q_SLOTS:
     {
         LogCapture log;
         backend->installControlPlaneBypass("192.168.1.1");
-        QVERIFY(log.contains("[MacVpnBackend] control-plane resolve failed \"tarvex.com\" \"Host not found\""));
+        QVERIFY(log.contains(
+            "[MacVpnBackend] control-plane resolve failed \"tarvex.com\" \"Host not found\""));
         QVERIFY(host->calls("route").isEmpty());
     }
 

@@ -32,10 +32,12 @@ private Q_SLOTS:
         MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
         QVERIFY(backend.configureInterface(clientConfig()));
         QCOMPARE(host.calls("ifconfig"), (Calls{ipv4("10.8.1.2", "1420"), Ipv6Alias}));
-        const QJsonObject utun1 = host.state().value("interfaces").toObject().value("utun1").toObject();
+        const QJsonObject utun1 =
+            host.state().value("interfaces").toObject().value("utun1").toObject();
         QCOMPARE(utun1.value("inet").toString(), QStringLiteral("10.8.1.2"));
         QCOMPARE(utun1.value("mtu").toInt(), 1420);
-        QVERIFY(log.contains("[MacVpnBackend] configureInterface interface= \"utun1\" ip= \"10.8.1.2\""));
+        QVERIFY(log.contains(
+            "[MacVpnBackend] configureInterface interface= \"utun1\" ip= \"10.8.1.2\""));
         QVERIFY(log.contains("[MacVpnBackend] interface lastConfig = {"));
     }
 
@@ -64,8 +66,10 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         MacVpnBackendInspector::setTunnelInterface(backend, "utun9"); // no such interface
         QVERIFY(!backend.configureInterface(clientConfig()));
-        QCOMPARE(backend.lastError(),
-                 QStringLiteral("Не удалось настроить IPv4 интерфейса: ifconfig: interface utun9 does not exist"));
+        QCOMPARE(
+            backend.lastError(),
+            QStringLiteral(
+                "Не удалось настроить IPv4 интерфейса: ifconfig: interface utun9 does not exist"));
         QCOMPARE(host.calls("ifconfig").size(), 1);
     }
 
@@ -90,14 +94,18 @@ private Q_SLOTS:
         QVERIFY(backend.configureDns(config));
         QCOMPARE(host.calls("networksetup"),
                  (Calls{{"-listallnetworkservices"},
-                        {"-getdnsservers", "Wi-Fi"}, {"-setdnsservers", "Wi-Fi", "1.1.1.1"},
-                        {"-getdnsservers", "Ethernet"}, {"-setdnsservers", "Ethernet", "1.1.1.1"},
-                        {"-getdnsservers", "Thunderbolt Bridge"}, {"-setdnsservers", "Thunderbolt Bridge", "1.1.1.1"}}));
+                        {"-getdnsservers", "Wi-Fi"},
+                        {"-setdnsservers", "Wi-Fi", "1.1.1.1"},
+                        {"-getdnsservers", "Ethernet"},
+                        {"-setdnsservers", "Ethernet", "1.1.1.1"},
+                        {"-getdnsservers", "Thunderbolt Bridge"},
+                        {"-setdnsservers", "Thunderbolt Bridge", "1.1.1.1"}}));
         QCOMPARE(MacVpnBackendInspector::savedDns(backend),
                  (QMap<QString, QStringList>{{"Ethernet", {}},
                                              {"Thunderbolt Bridge", {"9.9.9.9", "149.112.112.112"}},
                                              {"Wi-Fi", {"192.168.1.1"}}}));
-        QVERIFY(log.contains("[MacVpnBackend] current DNS for Ethernet = There aren't any DNS Servers set on Ethernet."));
+        QVERIFY(log.contains("[MacVpnBackend] current DNS for Ethernet = There aren't any DNS "
+                             "Servers set on Ethernet."));
 
         host.clearCalls();
         backend.restoreDns();
@@ -143,7 +151,8 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.configureDns(clientConfig()));
         QVERIFY(!MacVpnBackendInspector::savedDns(backend).contains("Wi-Fi"));
-        QVERIFY(!host.calls("networksetup").contains(QStringList{"-setdnsservers", "Wi-Fi", "1.1.1.1", "1.0.0.1"}));
+        QVERIFY(!host.calls("networksetup")
+                     .contains(QStringList{"-setdnsservers", "Wi-Fi", "1.1.1.1", "1.0.0.1"}));
         QCOMPARE(MacVpnBackendInspector::savedDns(backend).size(), 2);
         backend.restoreDns();
         QCOMPARE(host.stateBytes(), before);

@@ -32,19 +32,32 @@ private Q_SLOTS:
         QTest::addColumn<bool>("ipv6");
         QTest::addColumn<QString>("family");
         QTest::addColumn<QString>("type");
-        QTest::newRow("net") << "10.0.0.0/8" << true << false << "inet" << "-net";
-        QTest::newRow("address with blanks") << " 10.0.0.1 " << true << false << "inet" << "-host";
-        QTest::newRow("prefix 33") << "10.0.0.0/33" << false << false << "inet" << "-net";
-        QTest::newRow("negative prefix") << "10.0.0.0/-1" << false << false << "inet" << "-net";
-        QTest::newRow("empty prefix") << "10.0.0.0/" << false << false << "inet" << "-net";
-        QTest::newRow("letter prefix") << "10.0.0.0/x" << false << false << "inet" << "-net";
-        QTest::newRow("host name") << "vpn.example.net" << false << false << "inet" << "-host";
-        QTest::newRow("host route with prefix") << "10.1.2.3/32" << true << false << "inet" << "-net";
-        QTest::newRow("ipv6 everything") << "::/0" << false << true << "inet6" << "-net";
-        QTest::newRow("ipv6 prefix 129") << "2001:db8::/129" << false << false << "inet" << "-net";
-        QTest::newRow("ipv6 host") << "2001:db8::1/128" << false << true << "inet6" << "-net";
-        QTest::newRow("ipv6 address") << "2001:db8::1" << false << true << "inet6" << "-host";
-        QTest::newRow("empty") << "" << false << false << "inet" << "-host";
+        QTest::newRow("net") << "10.0.0.0/8" << true << false << "inet"
+                             << "-net";
+        QTest::newRow("address with blanks") << " 10.0.0.1 " << true << false << "inet"
+                                             << "-host";
+        QTest::newRow("prefix 33") << "10.0.0.0/33" << false << false << "inet"
+                                   << "-net";
+        QTest::newRow("negative prefix") << "10.0.0.0/-1" << false << false << "inet"
+                                         << "-net";
+        QTest::newRow("empty prefix") << "10.0.0.0/" << false << false << "inet"
+                                      << "-net";
+        QTest::newRow("letter prefix") << "10.0.0.0/x" << false << false << "inet"
+                                       << "-net";
+        QTest::newRow("host name") << "vpn.example.net" << false << false << "inet"
+                                   << "-host";
+        QTest::newRow("host route with prefix") << "10.1.2.3/32" << true << false << "inet"
+                                                << "-net";
+        QTest::newRow("ipv6 everything") << "::/0" << false << true << "inet6"
+                                         << "-net";
+        QTest::newRow("ipv6 prefix 129") << "2001:db8::/129" << false << false << "inet"
+                                         << "-net";
+        QTest::newRow("ipv6 host") << "2001:db8::1/128" << false << true << "inet6"
+                                   << "-net";
+        QTest::newRow("ipv6 address") << "2001:db8::1" << false << true << "inet6"
+                                      << "-host";
+        QTest::newRow("empty") << "" << false << false << "inet"
+                               << "-host";
     }
 
     void classifiesRoutes()
@@ -118,7 +131,8 @@ private Q_SLOTS:
 
         // As it arrives from a request: JSON numbers become doubles.
         settings = backend.splitTunnelFromPeer(
-            QJsonObject{{"splitTunnel", QJsonObject{{"enabled", true}, {"mode", 2}}}}.toVariantMap());
+            QJsonObject{{"splitTunnel", QJsonObject{{"enabled", true}, {"mode", 2}}}}
+                .toVariantMap());
         QVERIFY(settings.enabled);
         QCOMPARE(settings.mode, 2);
     }
@@ -127,8 +141,10 @@ private Q_SLOTS:
     {
         FakeHost host;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {entry("10.0.0.0/8"), entry(" 1.2.3.4 "), entry("2001:db8::/32")}));
-        QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"10.0.0.0/8", "1.2.3.4", "2001:db8::/32"}));
+        MacVpnBackendInspector::setSplitTunnel(
+            backend, split(1, {entry("10.0.0.0/8"), entry(" 1.2.3.4 "), entry("2001:db8::/32")}));
+        QCOMPARE(backend.splitTunnelRoutes(),
+                 (QStringList{"10.0.0.0/8", "1.2.3.4", "2001:db8::/32"}));
         QVERIFY(host.lookups().isEmpty());
     }
 
@@ -139,7 +155,9 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         MacVpnBackendInspector::setSplitTunnel(backend, split(1, {entry("dual.example")}));
         QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"2001:db8::7", "192.0.2.7"}));
-        MacVpnBackendInspector::setSplitTunnel(backend, split(2, {entry("dual.example"), entry("2001:db8::/32"), entry("10.0.0.0/8")}));
+        MacVpnBackendInspector::setSplitTunnel(
+            backend,
+            split(2, {entry("dual.example"), entry("2001:db8::/32"), entry("10.0.0.0/8")}));
         QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"192.0.2.7", "10.0.0.0/8"}));
     }
 
@@ -148,11 +166,13 @@ private Q_SLOTS:
         FakeHost host;
         LogCapture log;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {entry("gone.example", " 198.51.100.7 ")}));
+        MacVpnBackendInspector::setSplitTunnel(backend,
+                                               split(1, {entry("gone.example", " 198.51.100.7 ")}));
         QCOMPARE(backend.splitTunnelRoutes(), QStringList{"198.51.100.7"});
         QVERIFY(!log.contains("not resolved"));
 
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {entry("gone.example"), entry("also.gone", "not-an-address")}));
+        MacVpnBackendInspector::setSplitTunnel(
+            backend, split(1, {entry("gone.example"), entry("also.gone", "not-an-address")}));
         QCOMPARE(backend.splitTunnelRoutes(), QStringList());
         QVERIFY(log.contains("[MacVpnBackend] split tunnel host not resolved \"gone.example\""));
         QVERIFY(log.contains("[MacVpnBackend] split tunnel host not resolved \"also.gone\""));
@@ -165,8 +185,10 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         MacVpnBackendInspector::setSplitTunnel(
-            backend, split(1, {entry("192.0.2.2"), entry("a.example"), QVariant("192.0.2.9"), entry("192.0.2.1/32")}));
-        QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"192.0.2.2", "192.0.2.1", "192.0.2.1/32"}));
+            backend, split(1, {entry("192.0.2.2"), entry("a.example"), QVariant("192.0.2.9"),
+                               entry("192.0.2.1/32")}));
+        QCOMPARE(backend.splitTunnelRoutes(),
+                 (QStringList{"192.0.2.2", "192.0.2.1", "192.0.2.1/32"}));
         QVERIFY(log.contains("[MacVpnBackend] split tunnel host not resolved \"\""));
 
         MacVpnBackendInspector::setSplitTunnel(backend, split(1, {}));

@@ -62,9 +62,10 @@ private Q_SLOTS:
         prepare(host, backend);
 
         QVERIFY(backend.configureRoutes(clientConfig()));
-        QCOMPARE(host.calls("route"), (Calls{GetDefault, ServerRoute, BypassRoute, tunnelRoute("0.0.0.0/1"),
-                                             tunnelRoute("128.0.0.0/1"), tunnelRoute("::/1", true),
-                                             tunnelRoute("8000::/1", true)}));
+        QCOMPARE(host.calls("route"),
+                 (Calls{GetDefault, ServerRoute, BypassRoute, tunnelRoute("0.0.0.0/1"),
+                        tunnelRoute("128.0.0.0/1"), tunnelRoute("::/1", true),
+                        tunnelRoute("8000::/1", true)}));
         QCOMPARE(MacVpnBackendInspector::routes(backend), FullTunnel);
         QCOMPARE(MacVpnBackendInspector::serverHost(backend), QStringLiteral("203.0.113.5"));
         QCOMPARE(MacVpnBackendInspector::bypassHosts(backend), QStringList{"198.51.100.10"});
@@ -96,8 +97,10 @@ private Q_SLOTS:
 
         // Entries that do not start with a digit are skipped, IPv6 ranges other than ::/0 too.
         host.clearCalls();
-        QVERIFY(backend.configureRoutes(allowing({"10.0.0.0/8", "fd00::/8", "192.168.5.7", "vpn.example"})));
-        QCOMPARE(host.calls("route").mid(2), (Calls{tunnelRoute("10.0.0.0/8"), tunnelRoute("192.168.5.7")}));
+        QVERIFY(backend.configureRoutes(
+            allowing({"10.0.0.0/8", "fd00::/8", "192.168.5.7", "vpn.example"})));
+        QCOMPARE(host.calls("route").mid(2),
+                 (Calls{tunnelRoute("10.0.0.0/8"), tunnelRoute("192.168.5.7")}));
         QCOMPARE(MacVpnBackendInspector::routes(backend),
                  (Routes{{"inet", "10.0.0.0/8", "-net"}, {"inet", "192.168.5.7", "-net"}}));
     }
@@ -112,7 +115,8 @@ private Q_SLOTS:
         QVERIFY(backend.configureRoutes(clientConfig()));
         QCOMPARE(MacVpnBackendInspector::routes(backend), FullTunnel);
         QCOMPARE(backend.status(), PlatformVpnBackend::Disconnected);
-        QVERIFY(log.contains(QString("[MacVpnBackend] command failed \"%1\" exitCode= 1").arg(host.path("tools/route"))));
+        QVERIFY(log.contains(QString("[MacVpnBackend] command failed \"%1\" exitCode= 1")
+                                 .arg(host.path("tools/route"))));
     }
 
     void routesOnlySelectedDestinations()
@@ -146,16 +150,21 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend, split(2, {"203.0.113.0/24", "2001:db8::/32"}));
+        MacVpnBackendInspector::setSplitTunnel(backend,
+                                               split(2, {"203.0.113.0/24", "2001:db8::/32"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
-        QCOMPARE(host.calls("route").last(), (QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
-        QCOMPARE(MacVpnBackendInspector::routes(backend), (FullTunnel + Routes{{"inet", "203.0.113.0/24", "-net"}}));
-        QVERIFY(log.contains("splitEnabled= true splitMode= 2 splitRoutes= QList(\"203.0.113.0/24\")"));
+        QCOMPARE(host.calls("route").last(),
+                 (QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
+        QCOMPARE(MacVpnBackendInspector::routes(backend),
+                 (FullTunnel + Routes{{"inet", "203.0.113.0/24", "-net"}}));
+        QVERIFY(
+            log.contains("splitEnabled= true splitMode= 2 splitRoutes= QList(\"203.0.113.0/24\")"));
 
         // The exclusion is the first thing removal deletes.
         host.clearCalls();
         backend.removeRoutes();
-        QCOMPARE(host.calls("route").first(), (QStringList{"-n", "delete", "-net", "203.0.113.0/24"}));
+        QCOMPARE(host.calls("route").first(),
+                 (QStringList{"-n", "delete", "-net", "203.0.113.0/24"}));
     }
 
     void skipsGatewayRoutesWithoutGateway()
@@ -171,8 +180,9 @@ private Q_SLOTS:
         prepare(host, backend);
         MacVpnBackendInspector::setSplitTunnel(backend, split(2, {"203.0.113.0/24"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
-        QCOMPARE(host.calls("route"), (Calls{GetDefault, tunnelRoute("0.0.0.0/1"), tunnelRoute("128.0.0.0/1"),
-                                             tunnelRoute("::/1", true), tunnelRoute("8000::/1", true)}));
+        QCOMPARE(host.calls("route"),
+                 (Calls{GetDefault, tunnelRoute("0.0.0.0/1"), tunnelRoute("128.0.0.0/1"),
+                        tunnelRoute("::/1", true), tunnelRoute("8000::/1", true)}));
         QVERIFY(log.contains("[MacVpnBackend] control-plane bypass skipped: empty gateway"));
     }
 
@@ -195,14 +205,20 @@ private Q_SLOTS:
         QTest::addColumn<QString>("fault");
         QTest::addColumn<QString>("message");
         QTest::addColumn<int>("recorded");
-        QTest::newRow("server route") << 0 << "route -n add -host 203.0.113.5"
-                                      << "Не удалось добавить маршрут до сервера: route: simulated failure" << 0;
-        QTest::newRow("second IPv4 half") << 0 << "route -n add -net 128.0.0.0/1"
-                                          << "Не удалось добавить IPv4 маршрут: route: simulated failure" << 1;
-        QTest::newRow("split route") << 1 << "route -n add -host 10.1.2.3"
-                                     << "Не удалось добавить маршрут раздельного туннелирования: route: simulated failure" << 0;
-        QTest::newRow("exclusion") << 2 << "route -n add -host 10.1.2.3"
-                                   << "Не удалось добавить исключение раздельного туннелирования: route: simulated failure" << 4;
+        QTest::newRow("server route")
+            << 0 << "route -n add -host 203.0.113.5"
+            << "Не удалось добавить маршрут до сервера: route: simulated failure" << 0;
+        QTest::newRow("second IPv4 half")
+            << 0 << "route -n add -net 128.0.0.0/1"
+            << "Не удалось добавить IPv4 маршрут: route: simulated failure" << 1;
+        QTest::newRow("split route")
+            << 1 << "route -n add -host 10.1.2.3"
+            << "Не удалось добавить маршрут раздельного туннелирования: route: simulated failure"
+            << 0;
+        QTest::newRow("exclusion")
+            << 2 << "route -n add -host 10.1.2.3"
+            << "Не удалось добавить исключение раздельного туннелирования: route: simulated failure"
+            << 4;
     }
 
     void reportsFatalFailures()
@@ -232,7 +248,8 @@ private Q_SLOTS:
         backend.removeRoutes();
         QVERIFY(host.calls("route").isEmpty());
 
-        // After a connect that failed at the server route: only that deletion runs, and fails harmlessly.
+        // After a connect that failed at the server route: only that deletion runs, and fails
+        // harmlessly.
         MacVpnBackendInspector::setServerHost(backend, "203.0.113.5");
         backend.removeRoutes();
         QCOMPARE(host.calls("route"), (Calls{{"-n", "delete", "-host", "203.0.113.5"}}));

@@ -37,7 +37,8 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QCOMPARE(backend.findTunnelBinary(), QString());
         QCOMPARE(log.count(QStringLiteral("[MacVpnBackend] check tunnel binary")), 3);
-        QVERIFY(log.contains(QStringLiteral("\"%1/../Resources/amneziawg-go\"").arg(host.appDir())));
+        QVERIFY(
+            log.contains(QStringLiteral("\"%1/../Resources/amneziawg-go\"").arg(host.appDir())));
     }
 
     void skipsNonExecutable()
@@ -59,8 +60,10 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.startTunnelProcess());
         QCOMPARE(MacVpnBackendInspector::tunnelInterface(backend), QStringLiteral("utun2"));
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] start process \"%1/amneziawg-go\" QList(\"-f\", \"utun\") WG_TUN_NAME_FILE= \"%2/amn0.name\"")
-                                 .arg(host.appDir(), host.runtimeDir())));
+        QVERIFY(log.contains(
+            QStringLiteral("[MacVpnBackend] start process \"%1/amneziawg-go\" QList(\"-f\", "
+                           "\"utun\") WG_TUN_NAME_FILE= \"%2/amn0.name\"")
+                .arg(host.appDir(), host.runtimeDir())));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] tunnel interface \"utun2\"")));
         backend.stopTunnelProcess();
         QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
@@ -99,16 +102,20 @@ private Q_SLOTS:
         host.installTunnel();
         host.setTunnelFaults(QStringLiteral("noname"));
         // A name left by an earlier run must never be taken for the new one.
-        writeFile(host.path(QStringLiteral("run/amn0.name")), "utun9\n", QFile::ReadOwner | QFile::WriteOwner);
+        writeFile(host.path(QStringLiteral("run/amn0.name")), "utun9\n",
+                  QFile::ReadOwner | QFile::WriteOwner);
         LogCapture log;
         MacVpnBackend backend(host.environment());
         QElapsedTimer clock;
         clock.start();
         QVERIFY(!backend.startTunnelProcess());
         QVERIFY(clock.elapsed() >= 4900);
-        QCOMPARE(backend.lastError(), QStringLiteral("Не удалось создать VPN-интерфейс: не удалось получить имя utun-интерфейса"));
+        QCOMPARE(backend.lastError(),
+                 QStringLiteral(
+                     "Не удалось создать VPN-интерфейс: не удалось получить имя utun-интерфейса"));
         QVERIFY(!log.contains(QStringLiteral("utun9")));
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] waitForTunnelName timeout processState= QProcess::Running")));
+        QVERIFY(log.contains(QStringLiteral(
+            "[MacVpnBackend] waitForTunnelName timeout processState= QProcess::Running")));
         // Left running for the caller's clean-up to stop.
         QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::Running);
         backend.cleanup();
@@ -122,7 +129,8 @@ private Q_SLOTS:
                   QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         MacVpnBackend backend(host.environment());
         QVERIFY(!backend.startTunnelProcess());
-        QCOMPARE(backend.lastError(), QStringLiteral("Не удалось создать VPN-интерфейс: first line\ntun: device busy"));
+        QCOMPARE(backend.lastError(),
+                 QStringLiteral("Не удалось создать VPN-интерфейс: first line\ntun: device busy"));
     }
 
     void reportsStartFailure()
@@ -130,7 +138,8 @@ private Q_SLOTS:
         FakeHost host; // nothing to start: the empty program fails to start
         MacVpnBackend backend(host.environment());
         QVERIFY(!backend.startTunnelProcess());
-        QVERIFY(backend.lastError().startsWith(QStringLiteral("Не удалось запустить amneziawg-go: ")));
+        QVERIFY(
+            backend.lastError().startsWith(QStringLiteral("Не удалось запустить amneziawg-go: ")));
     }
 
     void reportsRuntimeDirectoryFailure()
@@ -142,7 +151,8 @@ private Q_SLOTS:
         env.runtimeDir = host.path(QStringLiteral("blocker/run"));
         MacVpnBackend backend(env);
         QVERIFY(!backend.startTunnelProcess());
-        QCOMPARE(backend.lastError(), QStringLiteral("Не удалось создать runtime-директорию для VPN"));
+        QCOMPARE(backend.lastError(),
+                 QStringLiteral("Не удалось создать runtime-директорию для VPN"));
     }
 
     void killsProgramThatIgnoresTerminate()

@@ -36,7 +36,8 @@ public:
                     break;
                 request.append(chunk, int(n));
             }
-            [[maybe_unused]] const auto written = ::write(client, reply.constData(), size_t(reply.size()));
+            [[maybe_unused]] const auto written =
+                ::write(client, reply.constData(), size_t(reply.size()));
             ::usleep(useconds_t(holdMs) * 1000);
             ::close(client);
         });
@@ -66,7 +67,10 @@ private:
         MacVpnBackendInspector::setRuntimeDir(backend, host.runtimeDir());
         MacVpnBackendInspector::setTunnelInterface(backend, QStringLiteral("utun7"));
     }
-    static QString socketPath(const FakeHost &host) { return QDir(host.runtimeDir()).filePath(QStringLiteral("utun7.sock")); }
+    static QString socketPath(const FakeHost &host)
+    {
+        return QDir(host.runtimeDir()).filePath(QStringLiteral("utun7.sock"));
+    }
 
 private Q_SLOTS:
     void completesPayloadWithEmptyLine_data()
@@ -74,7 +78,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("payload");
         QTest::addColumn<QByteArray>("sent");
         QTest::newRow("no line feed") << QStringLiteral("get=1") << QByteArray("get=1\n\n");
-        QTest::newRow("one line feed") << QStringLiteral("set=1\nlisten_port=0\n") << QByteArray("set=1\nlisten_port=0\n\n");
+        QTest::newRow("one line feed")
+            << QStringLiteral("set=1\nlisten_port=0\n") << QByteArray("set=1\nlisten_port=0\n\n");
         QTest::newRow("already closed") << QStringLiteral("get=1\n\n") << QByteArray("get=1\n\n");
     }
 
@@ -97,7 +102,8 @@ private Q_SLOTS:
         QCOMPARE(reply, QStringLiteral("errno=0"));
         QCOMPARE(backend.uapiErrno(reply), 0);
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] uapiCommand interface= \"utun7\"")));
-        QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] uapiCommand finished reply_length= 7")));
+        QVERIFY(
+            log.contains(QStringLiteral("[MacVpnBackend] uapiCommand finished reply_length= 7")));
     }
 
     void returnsPartialReplyAfterTimeout()
@@ -140,7 +146,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("reply");
         QTest::addColumn<int>("expected");
         QTest::newRow("zero") << QStringLiteral("errno=0") << 0;
-        QTest::newRow("after get lines") << QStringLiteral("private_key=ab\nlisten_port=0\nerrno=0") << 0;
+        QTest::newRow("after get lines")
+            << QStringLiteral("private_key=ab\nlisten_port=0\nerrno=0") << 0;
         QTest::newRow("negative") << QStringLiteral("errno=-22") << -22;
         QTest::newRow("not a number") << QStringLiteral("errno=abc") << 0;
         QTest::newRow("too large") << QStringLiteral("errno=99999999999") << 0;

@@ -48,7 +48,8 @@ private Q_SLOTS:
         QVERIFY(peer.waitForStarted());
         QElapsedTimer clock;
         clock.start();
-        while (!QFileInfo::exists(SocketDir + QStringLiteral("/wg-interop.sock")) && clock.elapsed() < 5000)
+        while (!QFileInfo::exists(SocketDir + QStringLiteral("/wg-interop.sock")) &&
+               clock.elapsed() < 5000)
             QTest::qWait(20);
         QVERIFY(QFileInfo::exists(SocketDir + QStringLiteral("/wg-interop.sock")));
     }
@@ -67,7 +68,9 @@ private Q_SLOTS:
         MacVpnBackendInspector::setRuntimeDir(backend, SocketDir);
         MacVpnBackendInspector::setTunnelInterface(backend, InterfaceName);
         const ParsedVpnConfig config = clientConfig({
-            {"Jc", QJsonValue::Null}, {"Jmin", QJsonValue::Null}, {"Jmax", QJsonValue::Null},
+            {"Jc", QJsonValue::Null},
+            {"Jmin", QJsonValue::Null},
+            {"Jmax", QJsonValue::Null},
             {"allowed_ips", QJsonArray{"10.0.0.0/8", "192.168.77.0/24", "fd00::/8"}},
             {"persistent_keep_alive", "25"},
         });

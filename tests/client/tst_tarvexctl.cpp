@@ -23,7 +23,8 @@ private Q_SLOTS:
         const QJsonObject json = QJsonDocument::fromJson(run.out.toUtf8()).object();
         QCOMPARE(json.size(), 10);
         QCOMPARE(json.value("protocolName").toString(), QStringLiteral("awg"));
-        QCOMPARE(json.value("lastConfig").toObject().value("client_ip").toString(), QStringLiteral("10.8.1.2/32"));
+        QCOMPARE(json.value("lastConfig").toObject().value("client_ip").toString(),
+                 QStringLiteral("10.8.1.2/32"));
         QVERIFY(run.err.isEmpty());
 
         const CtlRun compact = runTarvexctl({"--json", "parse", valid});
@@ -51,9 +52,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("input");
         QTest::addColumn<QString>("message");
-        QTest::newRow("truncated") << valid.left(valid.size() / 2) << "Не удалось распаковать VPN-конфигурацию";
-        QTest::newRow("mangled") << "vpn://!!!" << "Не удалось декодировать VPN-конфигурацию";
-        QTest::newRow("blank") << "   " << "Конфигурация соединения пустая";
+        QTest::newRow("truncated")
+            << valid.left(valid.size() / 2) << "Не удалось распаковать VPN-конфигурацию";
+        QTest::newRow("mangled") << "vpn://!!!"
+                                 << "Не удалось декодировать VPN-конфигурацию";
+        QTest::newRow("blank") << "   "
+                               << "Конфигурация соединения пустая";
     }
 
     void reportsParserMessages()
@@ -78,7 +82,8 @@ private Q_SLOTS:
         QTest::newRow("parse without string") << QStringList{"parse"};
         QTest::newRow("connect without string") << QStringList{"connect"};
         QTest::newRow("only without destination") << QStringList{"connect", "vpn://x", "--only"};
-        QTest::newRow("only and exclude") << QStringList{"connect", "vpn://x", "--only", "10.0.0.0/8", "--exclude", "1.2.3.4"};
+        QTest::newRow("only and exclude")
+            << QStringList{"connect", "vpn://x", "--only", "10.0.0.0/8", "--exclude", "1.2.3.4"};
     }
 
     void rejectsBadUsage()

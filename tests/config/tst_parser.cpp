@@ -19,7 +19,8 @@ const QString NoProtocolSettings = "Настройки протокола VPN-к
 const QString NoClientConfig = "В VPN-конфигурации нет client-конфига";
 const QString BadClientConfig = "Client-конфиг VPN имеет неверный формат";
 
-const QJsonObject Client{{"client_ip", "10.8.1.2/32"}, {"hostName", "198.51.100.1"}, {"port", 51820}};
+const QJsonObject Client{
+    {"client_ip", "10.8.1.2/32"}, {"hostName", "198.51.100.1"}, {"port", 51820}};
 
 QString lastConfigText(const QJsonObject &client = Client)
 {
@@ -37,7 +38,10 @@ QJsonObject container(const QString &name, const QString &protocol = QString(),
 
 QJsonObject document(const QJsonArray &containers, const QString &defaultContainer = QString())
 {
-    QJsonObject doc{{"containers", containers}, {"hostName", "203.0.113.5"}, {"dns1", "1.1.1.1"}, {"dns2", "1.0.0.1"}};
+    QJsonObject doc{{"containers", containers},
+                    {"hostName", "203.0.113.5"},
+                    {"dns1", "1.1.1.1"},
+                    {"dns2", "1.0.0.1"}};
     if (!defaultContainer.isEmpty())
         doc.insert("defaultContainer", defaultContainer);
     return doc;
@@ -59,7 +63,8 @@ private Q_SLOTS:
     {
         LogCapture log;
         const QJsonObject doc = awgDocument(Client);
-        const VpnConfigParseResult result = VpnConfigParser::parseConfig(encodeConnectionString(doc));
+        const VpnConfigParseResult result =
+            VpnConfigParser::parseConfig(encodeConnectionString(doc));
         QVERIFY(result.success);
         QCOMPARE(result.errorMessage, QString());
         QCOMPARE(result.rootObject, doc);
@@ -85,7 +90,8 @@ private Q_SLOTS:
         QTest::newRow("prefix only") << "vpn://" << Undecodable;
         QTest::newRow("outside alphabet") << "vpn://!!! @@@ ***" << Undecodable;
         QTest::newRow("upper-case prefix") << "VPN://" + valid << Uncompressable;
-        QTest::newRow("corrupt stream") << encodeConnectionString(QByteArray("{}")).left(14) + "AAAAAAAA" << Uncompressable;
+        QTest::newRow("corrupt stream")
+            << encodeConnectionString(QByteArray("{}")).left(14) + "AAAAAAAA" << Uncompressable;
         QTest::newRow("empty document") << encodeConnectionString(QByteArray()) << Uncompressable;
         QTest::newRow("not json") << encodeConnectionString(QByteArray("not json")) << BadFormat;
         QTest::newRow("array document") << encodeConnectionString(QByteArray("[1]")) << BadFormat;
@@ -109,7 +115,8 @@ private Q_SLOTS:
         // Claims 1.5 GB uncompressed for a few bytes of stream.
         QByteArray packed = qCompress(QByteArray("{}"));
         packed[0] = char(0x60);
-        const QString input = "vpn://" + QString::fromLatin1(packed.toBase64(QByteArray::Base64UrlEncoding));
+        const QString input =
+            "vpn://" + QString::fromLatin1(packed.toBase64(QByteArray::Base64UrlEncoding));
         QElapsedTimer clock;
         clock.start();
         QCOMPARE(VpnConfigParser::parseConfig(input).errorMessage, Uncompressable);
@@ -150,8 +157,10 @@ private Q_SLOTS:
 
     void choosesContainer()
     {
-        const QJsonArray both{container("office-wireguard", "wireguard"), container("office-awg", "awg")};
-        QCOMPARE(parse(document(both, "office-awg")).config.container, QStringLiteral("office-awg"));
+        const QJsonArray both{container("office-wireguard", "wireguard"),
+                              container("office-awg", "awg")};
+        QCOMPARE(parse(document(both, "office-awg")).config.container,
+                 QStringLiteral("office-awg"));
         QCOMPARE(parse(document(both)).config.container, QStringLiteral("office-wireguard"));
 
         const VpnConfigParseResult absent = parse(document(both, "office-xray"));
@@ -159,7 +168,8 @@ private Q_SLOTS:
 
         const VpnConfigParseResult blanks = parse(document({QJsonObject(), QJsonObject(), 5}));
         QCOMPARE(blanks.errorMessage, NoContainer);
-        for (const QJsonValue &containers : {QJsonValue(QJsonArray()), QJsonValue("awg"), QJsonValue(QJsonValue::Undefined)}) {
+        for (const QJsonValue &containers :
+             {QJsonValue(QJsonArray()), QJsonValue("awg"), QJsonValue(QJsonValue::Undefined)}) {
             QJsonObject doc = document({});
             if (containers.isUndefined())
                 doc.remove("containers");
@@ -171,9 +181,12 @@ private Q_SLOTS:
 
     void choosesProtocol()
     {
-        QCOMPARE(parse(document({container("my-vpn", "xray")})).config.protocolName, QStringLiteral("xray"));
-        QCOMPARE(parse(document({container("awg-over-wireguard", "awg")})).config.protocolName, QStringLiteral("awg"));
-        QCOMPARE(parse(document({container("corp-wireguard", "wireguard")})).config.protocolName, QStringLiteral("wireguard"));
+        QCOMPARE(parse(document({container("my-vpn", "xray")})).config.protocolName,
+                 QStringLiteral("xray"));
+        QCOMPARE(parse(document({container("awg-over-wireguard", "awg")})).config.protocolName,
+                 QStringLiteral("awg"));
+        QCOMPARE(parse(document({container("corp-wireguard", "wireguard")})).config.protocolName,
+                 QStringLiteral("wireguard"));
 
         // "awg" is not an object here, so the first object member by name wins.
         QJsonObject odd = container("office-awg", "b-proto");
@@ -186,7 +199,8 @@ private Q_SLOTS:
         QCOMPARE(noProtocol.errorMessage, NoProtocol);
         QCOMPARE(noProtocol.config.container, QStringLiteral("plain"));
 
-        const VpnConfigParseResult emptySettings = parse(document({container("x-awg", "awg", QJsonObject())}));
+        const VpnConfigParseResult emptySettings =
+            parse(document({container("x-awg", "awg", QJsonObject())}));
         QCOMPARE(emptySettings.errorMessage, NoProtocolSettings);
         QCOMPARE(emptySettings.config.protocolName, QStringLiteral("awg"));
     }
@@ -220,12 +234,13 @@ private Q_SLOTS:
         QCOMPARE(noContainers.config.dns1, QStringLiteral("1.1.1.1"));
         QCOMPARE(noContainers.config.dns2, QStringLiteral("1.0.0.1"));
 
-        const VpnConfigParseResult noContainer = parse(document({container("a-awg", "awg")}, "b-awg"));
+        const VpnConfigParseResult noContainer =
+            parse(document({container("a-awg", "awg")}, "b-awg"));
         QCOMPARE(noContainer.config.defaultContainer, QStringLiteral("b-awg"));
         QVERIFY(noContainer.config.container.isEmpty());
 
-        const VpnConfigParseResult badClient = parse(
-            document({container("amnezia-awg", "awg", QJsonObject{{"last_config", "[1]"}})}));
+        const VpnConfigParseResult badClient =
+            parse(document({container("amnezia-awg", "awg", QJsonObject{{"last_config", "[1]"}})}));
         QCOMPARE(badClient.config.container, QStringLiteral("amnezia-awg"));
         QCOMPARE(badClient.config.protocolName, QStringLiteral("awg"));
         QCOMPARE(badClient.config.protocolConfig, (QJsonObject{{"last_config", "[1]"}}));
@@ -237,7 +252,8 @@ private Q_SLOTS:
     void parsesPeerMaps()
     {
         QCOMPARE(VpnConfigParser::parsePeerConfig({}).errorMessage, Empty);
-        QCOMPARE(VpnConfigParser::parsePeerConfig({{"splitTunnel", QVariantMap()}}).errorMessage, Empty);
+        QCOMPARE(VpnConfigParser::parsePeerConfig({{"splitTunnel", QVariantMap()}}).errorMessage,
+                 Empty);
         const QString string = encodeConnectionString(awgDocument(Client));
         QVERIFY(VpnConfigParser::parsePeerConfig({{"config", string}}).success);
         const VpnConfigParseResult defaults;

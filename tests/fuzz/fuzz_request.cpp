@@ -25,7 +25,8 @@ Harness &harness()
         fuzzApplication();
         Harness created;
         created.path = created.dir.filePath(QStringLiteral("service.sock"));
-        created.server = std::make_unique<MacVpnServiceServer>(created.path, emptyHost(created.dir));
+        created.server =
+            std::make_unique<MacVpnServiceServer>(created.path, emptyHost(created.dir));
         created.server->start();
         return created;
     }();

@@ -33,9 +33,12 @@ int main(int argc, char *argv[])
     // The parser's first byte chooses between a string and a document to encode.
     write(root + "/parser", "string", QByteArray(1, '\0') + string.toUtf8());
     write(root + "/parser", "document", QByteArray(1, '\1') + json);
-    write(root + "/parser", "wrapped", QByteArray(1, '\0') + (string.left(60) + "\n" + string.mid(60) + "==").toUtf8());
+    write(root + "/parser", "wrapped",
+          QByteArray(1, '\0') + (string.left(60) + "\n" + string.mid(60) + "==").toUtf8());
 
-    const QJsonObject split{{"enabled", true}, {"mode", 2}, {"entries", QJsonArray{QJsonObject{{"value", "10.0.0.0/8"}}}}};
+    const QJsonObject split{{"enabled", true},
+                            {"mode", 2},
+                            {"entries", QJsonArray{QJsonObject{{"value", "10.0.0.0/8"}}}}};
     const QJsonObject connect{{"command", "connect"},
                               {"config", VpnServiceProtocol::parsedConfigToJson(config)},
                               {"peer", QJsonObject{{"config", string}, {"splitTunnel", split}}}};
@@ -46,7 +49,9 @@ int main(int argc, char *argv[])
     write(root + "/classifiers", "errno", "private_key=00\nerrno=-22\n");
     write(root + "/classifiers", "route4", "10.0.0.0/8");
     write(root + "/classifiers", "route6", "2001:db8::/32");
-    write(root + "/classifiers", "client", QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
-    write(root + "/classifiers", "split", "{\"splitTunnel\":{\"enabled\":true,\"mode\":\"1\",\"entries\":[{\"value\":\"a\"}]}}");
+    write(root + "/classifiers", "client",
+          QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
+    write(root + "/classifiers", "split",
+          "{\"splitTunnel\":{\"enabled\":true,\"mode\":\"1\",\"entries\":[{\"value\":\"a\"}]}}");
     return 0;
 }

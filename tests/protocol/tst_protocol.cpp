@@ -104,13 +104,20 @@ private Q_SLOTS:
 
     void namesStatuses()
     {
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnected), QStringLiteral("disconnected"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connecting), QStringLiteral("connecting"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connected), QStringLiteral("connected"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnecting), QStringLiteral("disconnecting"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Error), QStringLiteral("error"));
-        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(5)), QStringLiteral("unknown"));
-        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(-1)), QStringLiteral("unknown"));
+        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnected),
+                 QStringLiteral("disconnected"));
+        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connecting),
+                 QStringLiteral("connecting"));
+        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connected),
+                 QStringLiteral("connected"));
+        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnecting),
+                 QStringLiteral("disconnecting"));
+        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Error),
+                 QStringLiteral("error"));
+        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(5)),
+                 QStringLiteral("unknown"));
+        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(-1)),
+                 QStringLiteral("unknown"));
     }
 
     void configRoundTrips()
@@ -165,7 +172,8 @@ private Q_SLOTS:
         QCOMPARE(config.hostName, QStringLiteral("vpn.example.net"));
 
         const ParsedVpnConfig blank = VpnServiceProtocol::parsedConfigFromJson(QJsonObject());
-        QVERIFY(blank.container.isEmpty() && blank.protocolConfig.isEmpty() && blank.dns2.isEmpty());
+        QVERIFY(blank.container.isEmpty() && blank.protocolConfig.isEmpty() &&
+                blank.dns2.isEmpty());
     }
 };
 

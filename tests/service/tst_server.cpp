@@ -32,7 +32,10 @@ class TestServer : public QObject
     Q_OBJECT
 
 private:
-    QString socketPath(const FakeHost &host) const { return host.path(QStringLiteral("service.sock")); }
+    QString socketPath(const FakeHost &host) const
+    {
+        return host.path(QStringLiteral("service.sock"));
+    }
 
 private Q_SLOTS:
     void answersStatus()
@@ -49,7 +52,8 @@ private Q_SLOTS:
         FakeHost host;
         ServerThread server(socketPath(host), host.environment());
         QVERIFY(server.startServing());
-        const QJsonObject reply = parse(server.exchange({"{\"comm", "and\":\"sta", "tus\"}", "\n"}));
+        const QJsonObject reply =
+            parse(server.exchange({"{\"comm", "and\":\"sta", "tus\"}", "\n"}));
         QCOMPARE(reply.value(QStringLiteral("ok")).toBool(), true);
         QCOMPARE(reply.value(QStringLiteral("status")).toString(), QStringLiteral("disconnected"));
     }
@@ -60,11 +64,13 @@ private Q_SLOTS:
         LogCapture log;
         ServerThread server(socketPath(host), host.environment());
         QVERIFY(server.startServing());
-        const QByteArray reply = server.exchange({"{\"command\":\"status\"}\n{\"command\":\"disconnect\"}\n"});
+        const QByteArray reply =
+            server.exchange({"{\"command\":\"status\"}\n{\"command\":\"disconnect\"}\n"});
         QCOMPARE(reply.count('\n'), 1);
         QCOMPARE(parse(reply).value(QStringLiteral("ok")).toBool(), true);
         QCOMPARE(log.count(QStringLiteral("[MacVpnServiceServer] command")), 1);
-        QVERIFY(log.contains(QStringLiteral("[MacVpnServiceServer] request = {\"command\":\"status\"}")));
+        QVERIFY(log.contains(
+            QStringLiteral("[MacVpnServiceServer] request = {\"command\":\"status\"}")));
     }
 
     void acceptsCarriageReturn()
@@ -72,18 +78,25 @@ private Q_SLOTS:
         FakeHost host;
         ServerThread server(socketPath(host), host.environment());
         QVERIFY(server.startServing());
-        QCOMPARE(parse(server.exchange({"{\"command\":\"status\"}\r\n"})).value(QStringLiteral("ok")).toBool(), true);
+        QCOMPARE(parse(server.exchange({"{\"command\":\"status\"}\r\n"}))
+                     .value(QStringLiteral("ok"))
+                     .toBool(),
+                 true);
     }
 
     void rejectsBadRequests_data()
     {
         QTest::addColumn<QByteArray>("line");
         QTest::addColumn<QString>("error");
-        QTest::newRow("capitalised command") << QByteArray("{\"command\":\"Status\"}\n") << QStringLiteral("unknown command");
-        QTest::newRow("missing command") << QByteArray("{\"peer\":{}}\n") << QStringLiteral("unknown command");
-        QTest::newRow("command not a string") << QByteArray("{\"command\":7}\n") << QStringLiteral("unknown command");
+        QTest::newRow("capitalised command")
+            << QByteArray("{\"command\":\"Status\"}\n") << QStringLiteral("unknown command");
+        QTest::newRow("missing command")
+            << QByteArray("{\"peer\":{}}\n") << QStringLiteral("unknown command");
+        QTest::newRow("command not a string")
+            << QByteArray("{\"command\":7}\n") << QStringLiteral("unknown command");
         QTest::newRow("array") << QByteArray("[\"status\"]\n") << parserSuccessText();
-        QTest::newRow("empty line") << QByteArray("\n") << QJsonParseError{0, QJsonParseError::IllegalValue}.errorString();
+        QTest::newRow("empty line")
+            << QByteArray("\n") << QJsonParseError{0, QJsonParseError::IllegalValue}.errorString();
     }
 
     void rejectsBadRequests()
@@ -120,22 +133,30 @@ private Q_SLOTS:
         FakeHost host; // no tunnel program beside the application
         ServerThread server(socketPath(host), host.environment());
         QVERIFY(server.startServing());
-        const QJsonObject connect{{QStringLiteral("command"), QStringLiteral("connect")},
-                                  {QStringLiteral("config"), QJsonObject()},
-                                  {QStringLiteral("peer"), QJsonObject{{QStringLiteral("config"), QStringLiteral("vpn://x")}}}};
+        const QJsonObject connect{
+            {QStringLiteral("command"), QStringLiteral("connect")},
+            {QStringLiteral("config"), QJsonObject()},
+            {QStringLiteral("peer"),
+             QJsonObject{{QStringLiteral("config"), QStringLiteral("vpn://x")}}}};
         const QJsonObject reply = server.request(connect);
-        QCOMPARE(reply, (QJsonObject{{QStringLiteral("ok"), false},
-                                     {QStringLiteral("status"), QStringLiteral("error")},
-                                     {QStringLiteral("error"), QStringLiteral("Не найден amneziawg-go рядом с приложением")}}));
+        QCOMPARE(reply,
+                 (QJsonObject{{QStringLiteral("ok"), false},
+                              {QStringLiteral("status"), QStringLiteral("error")},
+                              {QStringLiteral("error"),
+                               QStringLiteral("Не найден amneziawg-go рядом с приложением")}}));
 
         // The error stays readable until a disconnect clears it.
-        const QJsonObject status = server.request({{QStringLiteral("command"), QStringLiteral("status")}});
+        const QJsonObject status =
+            server.request({{QStringLiteral("command"), QStringLiteral("status")}});
         QCOMPARE(status.value(QStringLiteral("ok")).toBool(), true);
-        QCOMPARE(status.value(QStringLiteral("error")).toString(), QStringLiteral("Не найден amneziawg-go рядом с приложением"));
-        const QJsonObject disconnect = server.request({{QStringLiteral("command"), QStringLiteral("disconnect")}});
-        QCOMPARE(disconnect, (QJsonObject{{QStringLiteral("ok"), true},
-                                          {QStringLiteral("status"), QStringLiteral("disconnected")},
-                                          {QStringLiteral("error"), QString()}}));
+        QCOMPARE(status.value(QStringLiteral("error")).toString(),
+                 QStringLiteral("Не найден amneziawg-go рядом с приложением"));
+        const QJsonObject disconnect =
+            server.request({{QStringLiteral("command"), QStringLiteral("disconnect")}});
+        QCOMPARE(disconnect,
+                 (QJsonObject{{QStringLiteral("ok"), true},
+                              {QStringLiteral("status"), QStringLiteral("disconnected")},
+                              {QStringLiteral("error"), QString()}}));
     }
 
     void refusesOversizedRequest()
@@ -145,12 +166,16 @@ private Q_SLOTS:
         QVERIFY(server.startServing());
         const QByteArray huge(1024 * 1024 + 1, 'x');
         const QJsonObject reply = parse(server.exchange({huge}));
-        QCOMPARE(reply, (QJsonObject{{QStringLiteral("ok"), false},
-                                     {QStringLiteral("status"), QStringLiteral("disconnected")},
-                                     {QStringLiteral("error"), QStringLiteral("request too large")}}));
+        QCOMPARE(reply,
+                 (QJsonObject{{QStringLiteral("ok"), false},
+                              {QStringLiteral("status"), QStringLiteral("disconnected")},
+                              {QStringLiteral("error"), QStringLiteral("request too large")}}));
         // Exactly the limit is still buffered, waiting for its line feed.
-        QCOMPARE(parse(server.exchange({QByteArray(1024 * 1024 - 30, ' ') + "{\"command\":\"status\"}\n"}))
-                     .value(QStringLiteral("ok")).toBool(), true);
+        QCOMPARE(parse(server.exchange(
+                           {QByteArray(1024 * 1024 - 30, ' ') + "{\"command\":\"status\"}\n"}))
+                     .value(QStringLiteral("ok"))
+                     .toBool(),
+                 true);
     }
 
     void replacesLeftoverSocketWithoutWarning()
@@ -170,9 +195,15 @@ private Q_SLOTS:
         ServerThread server(path, host.environment());
         QVERIFY(server.startServing());
         QVERIFY(!log.contains(QStringLiteral("stale socket detected")));
-        QVERIFY(log.contains(QStringLiteral("[MacVpnServiceServer] listening \"%1\" euid= %2").arg(path).arg(::geteuid())));
-        QCOMPARE(log.count(QStringLiteral("service is not running as root")), ::geteuid() == 0 ? 0 : 1);
-        QCOMPARE(parse(server.exchange({"{\"command\":\"status\"}\n"})).value(QStringLiteral("ok")).toBool(), true);
+        QVERIFY(log.contains(QStringLiteral("[MacVpnServiceServer] listening \"%1\" euid= %2")
+                                 .arg(path)
+                                 .arg(::geteuid())));
+        QCOMPARE(log.count(QStringLiteral("service is not running as root")),
+                 ::geteuid() == 0 ? 0 : 1);
+        QCOMPARE(parse(server.exchange({"{\"command\":\"status\"}\n"}))
+                     .value(QStringLiteral("ok"))
+                     .toBool(),
+                 true);
     }
 
     void socketIsOpenToEveryone()
@@ -183,7 +214,9 @@ private Q_SLOTS:
         const bool started = server.startServing();
         ::umask(previous);
         QVERIFY(started);
-        struct stat info{};
+        struct stat info
+        {
+        };
         QCOMPARE(::stat(QFile::encodeName(socketPath(host)).constData(), &info), 0);
         QCOMPARE(info.st_mode & 0777, mode_t(0666));
     }
@@ -195,12 +228,16 @@ private Q_SLOTS:
         QVERIFY(first.startServing());
         // Leave the first instance in a state a fresh one cannot be in.
         first.request({{QStringLiteral("command"), QStringLiteral("connect")}});
-        QCOMPARE(first.request({{QStringLiteral("command"), QStringLiteral("status")}}).value(QStringLiteral("status")).toString(),
+        QCOMPARE(first.request({{QStringLiteral("command"), QStringLiteral("status")}})
+                     .value(QStringLiteral("status"))
+                     .toString(),
                  QStringLiteral("error"));
 
         ServerThread second(socketPath(host), host.environment());
         QVERIFY(second.startServing());
-        QCOMPARE(second.request({{QStringLiteral("command"), QStringLiteral("status")}}).value(QStringLiteral("status")).toString(),
+        QCOMPARE(second.request({{QStringLiteral("command"), QStringLiteral("status")}})
+                     .value(QStringLiteral("status"))
+                     .toString(),
                  QStringLiteral("disconnected"));
         QVERIFY(first.isRunning());
     }
@@ -209,7 +246,8 @@ private Q_SLOTS:
     {
         FakeHost host;
         LogCapture log;
-        ServerThread server(host.path(QStringLiteral("no/such/dir/service.sock")), host.environment());
+        ServerThread server(host.path(QStringLiteral("no/such/dir/service.sock")),
+                            host.environment());
         QVERIFY(!server.startServing());
         QVERIFY(log.contains(QStringLiteral("[MacVpnServiceServer] listen failed")));
     }

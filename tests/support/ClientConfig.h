@@ -9,11 +9,14 @@
 // their hexadecimal forms as the configuration protocol carries them.
 namespace TestKeys {
 inline const char *ClientPrivate = "ZVoO6oBGlRDVRhz2TrciUtBetVKg5gtm+L/V+7S4Tno=";
-inline const char *ClientPrivateHex = "655a0eea80469510d5461cf64eb72252d05eb552a0e60b66f8bfd5fbb4b84e7a";
+inline const char *ClientPrivateHex =
+    "655a0eea80469510d5461cf64eb72252d05eb552a0e60b66f8bfd5fbb4b84e7a";
 inline const char *ServerPublic = "jGYfq/MqYAM+o/7X1TmLrBSrwA+43aECWlUk9pbHyjE=";
-inline const char *ServerPublicHex = "8c661fabf32a60033ea3fed7d5398bac14abc00fb8dda1025a5524f696c7ca31";
+inline const char *ServerPublicHex =
+    "8c661fabf32a60033ea3fed7d5398bac14abc00fb8dda1025a5524f696c7ca31";
 inline const char *Preshared = "69jW5IHGMQhdpBFoVUGVCLNl5HaTHs9cPlMxmhw271Q=";
-inline const char *PresharedHex = "ebd8d6e481c631085da4116855419508b365e476931ecf5c3e53319a1c36ef54";
+inline const char *PresharedHex =
+    "ebd8d6e481c631085da4116855419508b365e476931ecf5c3e53319a1c36ef54";
 } // namespace TestKeys
 
 // A client configuration as the parser would produce it for an AmneziaWG

@@ -8,16 +8,19 @@
 #include <QHostAddress>
 
 FakeHost::FakeHost()
-    : names(std::make_shared<QHash<QString, QStringList>>()), looked(std::make_shared<QStringList>())
+    : names(std::make_shared<QHash<QString, QStringList>>()),
+      looked(std::make_shared<QStringList>())
 {
     for (const char *sub : {"tools", "state", "run", "app"})
         QDir(dir.path()).mkpath(QLatin1String(sub));
     for (const char *tool : {"route", "ifconfig", "networksetup", "dscacheutil", "killall"})
-        QFile::link(binary(QStringLiteral("mactools")), path(QStringLiteral("tools/%1").arg(QLatin1String(tool))));
+        QFile::link(binary(QStringLiteral("mactools")),
+                    path(QStringLiteral("tools/%1").arg(QLatin1String(tool))));
     SimHost::reset(stateDir());
     QFile hosts(hostsFile());
     if (hosts.open(QIODevice::WriteOnly))
-        hosts.write("127.0.0.1\tlocalhost\n255.255.255.255\tbroadcasthost\n::1             localhost\n");
+        hosts.write(
+            "127.0.0.1\tlocalhost\n255.255.255.255\tbroadcasthost\n::1             localhost\n");
     // Children of the service inherit this, which is how the stand-ins find their state.
     qputenv("MACSIM_STATE_DIR", stateDir().toLocal8Bit());
     qunsetenv("MACSIM_FAULTS");

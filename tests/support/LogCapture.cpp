@@ -21,8 +21,8 @@ LogCapture::~LogCapture()
 void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     // Qt Test's own messages (QSKIP, QWARN, failures) still reach the console.
-    if (!active || context.category == nullptr || qstrcmp(context.category, "default") != 0
-        || type == QtFatalMsg) {
+    if (!active || context.category == nullptr || qstrcmp(context.category, "default") != 0 ||
+        type == QtFatalMsg) {
         if (active && active->previous)
             active->previous(type, context, message);
         return;

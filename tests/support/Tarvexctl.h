@@ -14,14 +14,18 @@ struct CtlRun
     QString err;
 };
 
-inline CtlRun runTarvexctl(const QStringList &arguments, const QByteArray &input = QByteArray(), int timeoutMs = 120000)
+inline CtlRun runTarvexctl(const QStringList &arguments, const QByteArray &input = QByteArray(),
+                           int timeoutMs = 120000)
 {
     QProcess process;
-    process.start(QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("tarvexctl")), arguments);
+    process.start(
+        QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("tarvexctl")),
+        arguments);
     process.waitForStarted();
     process.write(input);
     process.closeWriteChannel();
     process.waitForFinished(timeoutMs);
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
+            QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError())};
 }

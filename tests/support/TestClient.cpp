@@ -22,8 +22,8 @@ QByteArray exchangeRaw(const QString &path, const QList<QByteArray> &pieces, int
     QElapsedTimer clock;
     clock.start();
     while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
-        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState
-            && socket.bytesAvailable() == 0)
+        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState &&
+            socket.bytesAvailable() == 0)
             break;
         reply += socket.readAll();
     }

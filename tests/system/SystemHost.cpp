@@ -24,9 +24,11 @@ const char *const ToolPaths[] = {"/sbin/route", "/sbin/ifconfig", "/usr/sbin/net
 
 bool insideSandbox()
 {
-    struct statfs root{};
-    return QFile::exists(QStringLiteral("/.tarvex-sandbox")) && ::statfs("/", &root) == 0
-           && root.f_type == OverlayMagic;
+    struct statfs root
+    {
+    };
+    return QFile::exists(QStringLiteral("/.tarvex-sandbox")) && ::statfs("/", &root) == 0 &&
+           root.f_type == OverlayMagic;
 }
 
 void replaceWithLink(const QString &path, const QString &target)
@@ -60,7 +62,8 @@ SystemHost::SystemHost()
     SimHost::reset(QLatin1String(StateDir));
     QDir().mkpath(QLatin1String(InstallDir));
     QFile::remove(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
-    QFile::copy(binary(QStringLiteral("TarvexVpnService")), QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
+    QFile::copy(binary(QStringLiteral("TarvexVpnService")),
+                QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
     removeTunnel();
     QDir(QStringLiteral("/tmp/corvel-client-amneziawg")).removeRecursively();
     QFile::remove(VpnServiceProtocol::socketPath());
@@ -104,12 +107,14 @@ bool SystemHost::startDaemon(const QStringList &environment)
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("MACSIM_STATE_DIR"), QLatin1String(StateDir));
     for (const QString &assignment : environment)
-        env.insert(assignment.section(QLatin1Char('='), 0, 0), assignment.section(QLatin1Char('='), 1));
+        env.insert(assignment.section(QLatin1Char('='), 0, 0),
+                   assignment.section(QLatin1Char('='), 1));
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(QStringLiteral("/"));
     process.setStandardOutputFile(logPath, QIODevice::Append);
     process.setStandardErrorFile(logPath, QIODevice::Append);
-    process.start(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)), QStringList());
+    process.start(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)),
+                  QStringList());
     if (!process.waitForStarted(5000))
         return false;
     QElapsedTimer clock;

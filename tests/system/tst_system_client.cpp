@@ -44,7 +44,8 @@ private Q_SLOTS:
         QCOMPARE(reply.value("peer").toObject().value("config").toString(), connectionString);
 
         const CtlRun readable = runTarvexctl({"status"});
-        QVERIFY(readable.out.contains(QString("connection string: %1 characters").arg(connectionString.size())));
+        QVERIFY(readable.out.contains(
+            QString("connection string: %1 characters").arg(connectionString.size())));
         QVERIFY(!readable.out.contains(connectionString)); // it carries keys
 
         const CtlRun disconnect = runTarvexctl({"disconnect"});
@@ -59,13 +60,18 @@ private Q_SLOTS:
         SystemHost host;
         host.installTunnel();
         QVERIFY(host.startDaemon());
-        QCOMPARE(runTarvexctl({"connect", connectionString, "--only", "10.1.2.3", "192.0.2.0/24"}).exitCode, 0);
-        QVERIFY(host.calls("route").contains(QStringList{"-n", "add", "-host", "10.1.2.3", "-interface", "utun2"}));
+        QCOMPARE(runTarvexctl({"connect", connectionString, "--only", "10.1.2.3", "192.0.2.0/24"})
+                     .exitCode,
+                 0);
+        QVERIFY(host.calls("route").contains(
+            QStringList{"-n", "add", "-host", "10.1.2.3", "-interface", "utun2"}));
         QVERIFY(host.calls("networksetup").isEmpty());
         const CtlRun status = runTarvexctl({"status"});
         QVERIFY(status.out.contains("only through tunnel: 10.1.2.3, 192.0.2.0/24"));
-        QCOMPARE(runTarvexctl({"connect", connectionString, "--exclude", "203.0.113.0/24"}).exitCode, 0);
-        QVERIFY(host.calls("route").contains(QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
+        QCOMPARE(
+            runTarvexctl({"connect", connectionString, "--exclude", "203.0.113.0/24"}).exitCode, 0);
+        QVERIFY(host.calls("route").contains(
+            QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
     }
 
     void reportsFailedConnect()

@@ -16,21 +16,25 @@ namespace {
 const QByteArray OriginalHosts = "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
                                  "198.51.100.10\ttarvex.com\n";
 
-QJsonObject peerFor(const ParsedVpnConfig &config, int splitMode = 0, const QStringList &destinations = {})
+QJsonObject peerFor(const ParsedVpnConfig &config, int splitMode = 0,
+                    const QStringList &destinations = {})
 {
     QJsonObject peer{{"config", encodeConnectionString(awgDocument(config.lastConfig))}};
     if (splitMode != 0) {
         QJsonArray entries;
         for (const QString &destination : destinations)
             entries.append(QJsonObject{{"value", destination}});
-        peer.insert("splitTunnel", QJsonObject{{"enabled", true}, {"mode", splitMode}, {"entries", entries}});
+        peer.insert("splitTunnel",
+                    QJsonObject{{"enabled", true}, {"mode", splitMode}, {"entries", entries}});
     }
     return peer;
 }
 
 QJsonObject connectRequest(const ParsedVpnConfig &config, const QJsonObject &peer)
 {
-    return {{"command", "connect"}, {"config", VpnServiceProtocol::parsedConfigToJson(config)}, {"peer", peer}};
+    return {{"command", "connect"},
+            {"config", VpnServiceProtocol::parsedConfigToJson(config)},
+            {"peer", peer}};
 }
 
 const QJsonObject StatusRequest{{"command", "status"}};
@@ -40,7 +44,8 @@ bool hasRoute(const QJsonObject &state, const QString &destination, const QStrin
 {
     for (const QJsonValue &value : state.value("routes").toArray()) {
         const QJsonObject route = value.toObject();
-        if (route.value("destination").toString() == destination && route.value("gateway").toString() == via)
+        if (route.value("destination").toString() == destination &&
+            route.value("gateway").toString() == via)
             return true;
     }
     return false;
@@ -78,38 +83,47 @@ private Q_SLOTS:
 
         for (int cycle = 0; cycle < 2; ++cycle) {
             const QJsonObject reply = host.request(connectRequest(config, peer));
-            QCOMPARE(reply, (QJsonObject{{"error", ""}, {"ok", true}, {"peer", peer}, {"status", "connected"}}));
+            QCOMPARE(reply,
+                     (QJsonObject{
+                         {"error", ""}, {"ok", true}, {"peer", peer}, {"status", "connected"}}));
 
             const QJsonObject state = host.state();
-            QVERIFY(hasRoute(state, "203.0.113.5", "192.168.1.1"));   // the server, outside the tunnel
-            QVERIFY(hasRoute(state, "198.51.100.10", "192.168.1.1")); // the control plane, outside too
+            QVERIFY(
+                hasRoute(state, "203.0.113.5", "192.168.1.1")); // the server, outside the tunnel
+            QVERIFY(
+                hasRoute(state, "198.51.100.10", "192.168.1.1")); // the control plane, outside too
             for (const char *half : {"0.0.0.0/1", "128.0.0.0/1", "::/1", "8000::/1"})
                 QVERIFY2(hasRoute(state, half, "utun2"), half);
-            const QJsonObject utun2 = state.value("interfaces").toObject().value("utun2").toObject();
+            const QJsonObject utun2 =
+                state.value("interfaces").toObject().value("utun2").toObject();
             QCOMPARE(utun2.value("inet").toString(), QStringLiteral("10.8.1.2"));
             QCOMPARE(utun2.value("mtu").toInt(), 1420);
             QCOMPARE(utun2.value("inet6").toArray(), QJsonArray{"fd58:baa6:dead::1"});
             for (const char *service : {"Wi-Fi", "Ethernet", "Thunderbolt Bridge"})
                 QCOMPARE(dnsOf(state, service), (QStringList{"1.1.1.1", "1.0.0.1"}));
             QCOMPARE(dnsOf(state, "Bluetooth PAN"), QStringList{"10.9.9.9"});
-            QVERIFY(host.hostsFile().endsWith("# BEGIN TARVEX_VPN_CLIENT\n198.51.100.10\ttarvex.com\n# END TARVEX_VPN_CLIENT\n"));
+            QVERIFY(host.hostsFile().endsWith(
+                "# BEGIN TARVEX_VPN_CLIENT\n198.51.100.10\ttarvex.com\n# END TARVEX_VPN_CLIENT\n"));
 
             QCOMPARE(host.request(StatusRequest),
-                     (QJsonObject{{"error", ""}, {"ok", true}, {"peer", peer}, {"status", "connected"}}));
-            QCOMPARE(host.request(DisconnectRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+                     (QJsonObject{
+                         {"error", ""}, {"ok", true}, {"peer", peer}, {"status", "connected"}}));
+            QCOMPARE(host.request(DisconnectRequest),
+                     (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
             QCOMPARE(host.stateBytes(), before);
             // The first pin and unpin leave one more line feed; later cycles add none.
             QCOMPARE(host.hostsFile(), OriginalHosts + "\n");
             QVERIFY(!host.tunnelRunning());
         }
-        QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+        QCOMPARE(host.request(StatusRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
     }
 
     void undoesSplitTunnelExactly_data()
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<QStringList>("destinations");
-        QTest::addColumn<QStringList>("routed");     // destination@via present while connected
+        QTest::addColumn<QStringList>("routed"); // destination@via present while connected
         QTest::addColumn<QStringList>("notRouted");
         QTest::addColumn<bool>("dnsChanged");
         QTest::newRow("only selected") << 1 << QStringList{"10.1.2.3", "192.0.2.0/24"}
@@ -133,13 +147,16 @@ private Q_SLOTS:
         QVERIFY(host.startDaemon());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply = host.request(connectRequest(config, peerFor(config, mode, destinations)));
+        const QJsonObject reply =
+            host.request(connectRequest(config, peerFor(config, mode, destinations)));
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         const QJsonObject state = host.state();
         for (const QString &route : routed)
-            QVERIFY2(hasRoute(state, route.section('@', 0, 0), route.section('@', 1)), qPrintable(route));
+            QVERIFY2(hasRoute(state, route.section('@', 0, 0), route.section('@', 1)),
+                     qPrintable(route));
         for (const QString &route : notRouted)
-            QVERIFY2(!hasRoute(state, route.section('@', 0, 0), route.section('@', 1)), qPrintable(route));
+            QVERIFY2(!hasRoute(state, route.section('@', 0, 0), route.section('@', 1)),
+                     qPrintable(route));
         QCOMPARE(dnsOf(state, "Wi-Fi") == (QStringList{"1.1.1.1", "1.0.0.1"}), dnsChanged);
         QCOMPARE(host.calls("networksetup").isEmpty(), !dnsChanged);
         host.request(DisconnectRequest);
@@ -148,38 +165,53 @@ private Q_SLOTS:
 
     void undoesEveryFailedStep_data()
     {
-        QTest::addColumn<QString>("setup");       // missing, plain, not-executable
+        QTest::addColumn<QString>("setup"); // missing, plain, not-executable
         QTest::addColumn<QStringList>("environment");
         QTest::addColumn<QStringList>("toolFaults");
         QTest::addColumn<int>("splitMode");
         QTest::addColumn<QString>("error");
-        QTest::addColumn<bool>("pinned");         // did the failed connect reach the bypass?
+        QTest::addColumn<bool>("pinned"); // did the failed connect reach the bypass?
 
-        const QString admin = "Не удалось создать VPN-интерфейс: amneziawg-go не может создать utun-интерфейс без прав "
-                              "администратора. Нужен привилегированный daemon/helper как в Amnezia.";
+        const QString admin =
+            "Не удалось создать VPN-интерфейс: amneziawg-go не может создать utun-интерфейс без "
+            "прав "
+            "администратора. Нужен привилегированный daemon/helper как в Amnezia.";
         const QString refused = "Не удалось применить WireGuard/AWG-конфигурацию";
         QTest::newRow("tunnel missing") << "missing" << QStringList() << QStringList() << 0
                                         << "Не найден amneziawg-go рядом с приложением" << false;
         QTest::newRow("not executable") << "not-executable" << QStringList() << QStringList() << 0
                                         << "Не найден amneziawg-go рядом с приложением" << false;
-        QTest::newRow("operation not permitted") << "plain" << QStringList{"AWG_STANDIN_FAULTS=eperm"} << QStringList() << 0
-                                                 << admin << false;
-        QTest::newRow("never names interface") << "plain" << QStringList{"AWG_STANDIN_FAULTS=noname"} << QStringList() << 0
-                                               << "Не удалось создать VPN-интерфейс: не удалось получить имя utun-интерфейса" << false;
-        QTest::newRow("errno 1") << "plain" << QStringList{"AWG_STANDIN_FAULTS=errno=1"} << QStringList() << 0 << refused << false;
-        QTest::newRow("no reply") << "plain" << QStringList{"AWG_STANDIN_FAULTS=no-reply"} << QStringList() << 0 << refused << false;
-        QTest::newRow("ifconfig fails") << "plain" << QStringList() << QStringList{"fail:ifconfig utun2 inet 10.8.1.2"} << 0
-                                        << "Не удалось настроить IPv4 интерфейса: ifconfig: simulated failure" << false;
-        QTest::newRow("server route fails") << "plain" << QStringList() << QStringList{"fail:route -n add -host 203.0.113.5"} << 0
-                                            << "Не удалось добавить маршрут до сервера: route: simulated failure" << false;
-        QTest::newRow("IPv4 half fails") << "plain" << QStringList() << QStringList{"fail:route -n add -net 128.0.0.0/1"} << 0
-                                         << "Не удалось добавить IPv4 маршрут: route: simulated failure" << true;
-        QTest::newRow("split route fails") << "plain" << QStringList() << QStringList{"fail:route -n add -host 10.1.2.3"} << 1
-                                           << "Не удалось добавить маршрут раздельного туннелирования: route: simulated failure" << true;
-        QTest::newRow("exclusion fails") << "plain" << QStringList() << QStringList{"fail:route -n add -host 10.1.2.3"} << 2
-                                         << "Не удалось добавить исключение раздельного туннелирования: route: simulated failure" << true;
-        QTest::newRow("tool hangs") << "plain" << QStringList() << QStringList{"hang:ifconfig utun2 inet 10.8.1.2"} << 0
-                                    << "Не удалось настроить IPv4 интерфейса: Process crashed" << false; // killed after its time-out
+        QTest::newRow("operation not permitted")
+            << "plain" << QStringList{"AWG_STANDIN_FAULTS=eperm"} << QStringList() << 0 << admin
+            << false;
+        QTest::newRow("never names interface")
+            << "plain" << QStringList{"AWG_STANDIN_FAULTS=noname"} << QStringList() << 0
+            << "Не удалось создать VPN-интерфейс: не удалось получить имя utun-интерфейса" << false;
+        QTest::newRow("errno 1") << "plain" << QStringList{"AWG_STANDIN_FAULTS=errno=1"}
+                                 << QStringList() << 0 << refused << false;
+        QTest::newRow("no reply") << "plain" << QStringList{"AWG_STANDIN_FAULTS=no-reply"}
+                                  << QStringList() << 0 << refused << false;
+        QTest::newRow("ifconfig fails")
+            << "plain" << QStringList() << QStringList{"fail:ifconfig utun2 inet 10.8.1.2"} << 0
+            << "Не удалось настроить IPv4 интерфейса: ifconfig: simulated failure" << false;
+        QTest::newRow("server route fails")
+            << "plain" << QStringList() << QStringList{"fail:route -n add -host 203.0.113.5"} << 0
+            << "Не удалось добавить маршрут до сервера: route: simulated failure" << false;
+        QTest::newRow("IPv4 half fails")
+            << "plain" << QStringList() << QStringList{"fail:route -n add -net 128.0.0.0/1"} << 0
+            << "Не удалось добавить IPv4 маршрут: route: simulated failure" << true;
+        QTest::newRow("split route fails")
+            << "plain" << QStringList() << QStringList{"fail:route -n add -host 10.1.2.3"} << 1
+            << "Не удалось добавить маршрут раздельного туннелирования: route: simulated failure"
+            << true;
+        QTest::newRow("exclusion fails")
+            << "plain" << QStringList() << QStringList{"fail:route -n add -host 10.1.2.3"} << 2
+            << "Не удалось добавить исключение раздельного туннелирования: route: simulated failure"
+            << true;
+        QTest::newRow("tool hangs")
+            << "plain" << QStringList() << QStringList{"hang:ifconfig utun2 inet 10.8.1.2"} << 0
+            << "Не удалось настроить IPv4 интерфейса: Process crashed"
+            << false; // killed after its time-out
     }
 
     void undoesEveryFailedStep()
@@ -199,15 +231,18 @@ private Q_SLOTS:
         host.setToolFaults(toolFaults);
 
         const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply = host.request(connectRequest(config, peerFor(config, splitMode, {"10.1.2.3"})));
+        const QJsonObject reply =
+            host.request(connectRequest(config, peerFor(config, splitMode, {"10.1.2.3"})));
         QCOMPARE(reply, (QJsonObject{{"error", error}, {"ok", false}, {"status", "error"}}));
         QVERIFY(!host.tunnelRunning());
         QCOMPARE(host.stateBytes(), before);
         QCOMPARE(host.hostsFile(), pinned ? OriginalHosts + "\n" : OriginalHosts);
-        QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", error}, {"ok", true}, {"status", "error"}}));
+        QCOMPARE(host.request(StatusRequest),
+                 (QJsonObject{{"error", error}, {"ok", true}, {"status", "error"}}));
 
         // A disconnect after the failure clears the error and cleans up again.
-        QCOMPARE(host.request(DisconnectRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+        QCOMPARE(host.request(DisconnectRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
         QCOMPARE(host.stateBytes(), before);
     }
 
@@ -220,7 +255,8 @@ private Q_SLOTS:
         const QByteArray before = host.stateBytes();
         host.setToolFaults({"fail:networksetup"});
         const ParsedVpnConfig config = clientConfig();
-        QCOMPARE(host.request(connectRequest(config, peerFor(config))).value("status").toString(), QStringLiteral("connected"));
+        QCOMPARE(host.request(connectRequest(config, peerFor(config))).value("status").toString(),
+                 QStringLiteral("connected"));
         host.setToolFaults({});
         host.request(DisconnectRequest);
         QCOMPARE(host.stateBytes(), before);
@@ -239,7 +275,8 @@ private Q_SLOTS:
         const QJsonObject reply = host.request(connectRequest(second, peerFor(second)));
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         const QJsonObject interfaces = host.state().value("interfaces").toObject();
-        QCOMPARE(interfaces.value("utun2").toObject().value("inet").toString(), QStringLiteral("10.8.1.9"));
+        QCOMPARE(interfaces.value("utun2").toObject().value("inet").toString(),
+                 QStringLiteral("10.8.1.9"));
         QVERIFY(!interfaces.contains("utun3")); // the first tunnel is gone
         QVERIFY(!host.daemonLog().contains("status changed PlatformVpnBackend::Disconnecting"));
         host.request(DisconnectRequest);
@@ -256,7 +293,8 @@ private Q_SLOTS:
         host.request(connectRequest(config, peerFor(config)));
         host.request(DisconnectRequest);
         const int cleanups = host.daemonLog().count("[MacVpnBackend] cleanup");
-        QCOMPARE(host.request(DisconnectRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+        QCOMPARE(host.request(DisconnectRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
         QCOMPARE(host.daemonLog().count("[MacVpnBackend] cleanup"), cleanups);
     }
 
@@ -269,16 +307,24 @@ private Q_SLOTS:
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
         const QJsonObject request = connectRequest(config, peerFor(config));
-        auto connecting = std::async(std::launch::async, [&host, request] { return host.request(request); });
+        auto connecting =
+            std::async(std::launch::async, [&host, request] { return host.request(request); });
         QTest::qWait(1000);
 
-        QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "connecting"}}));
-        QCOMPARE(host.request(request), (QJsonObject{{"error", "connect already in progress"}, {"ok", false}, {"status", "connecting"}}));
-        QCOMPARE(host.request(DisconnectRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
-        QCOMPARE(connecting.get(), (QJsonObject{{"error", "connect cancelled by disconnect"}, {"ok", false}, {"status", "disconnected"}}));
+        QCOMPARE(host.request(StatusRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "connecting"}}));
+        QCOMPARE(host.request(request), (QJsonObject{{"error", "connect already in progress"},
+                                                     {"ok", false},
+                                                     {"status", "connecting"}}));
+        QCOMPARE(host.request(DisconnectRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+        QCOMPARE(connecting.get(), (QJsonObject{{"error", "connect cancelled by disconnect"},
+                                                {"ok", false},
+                                                {"status", "disconnected"}}));
         QVERIFY(!host.tunnelRunning());
         QCOMPARE(host.stateBytes(), before);
-        QCOMPARE(host.request(StatusRequest), (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+        QCOMPARE(host.request(StatusRequest),
+                 (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
     }
 
     void keepsSecretsOutOfTheLog()
@@ -289,7 +335,8 @@ private Q_SLOTS:
         QVERIFY(host.startDaemon());
         ParsedVpnConfig config = clientConfig();
         config.rawConfig = awgDocument(config.lastConfig);
-        config.lastConfigRaw = QString::fromUtf8(QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
+        config.lastConfigRaw =
+            QString::fromUtf8(QJsonDocument(config.lastConfig).toJson(QJsonDocument::Compact));
         const QJsonObject peer = peerFor(config);
         QCOMPARE(host.request(connectRequest(config, peer)).value("ok").toBool(), true);
         host.request(StatusRequest);
@@ -297,9 +344,10 @@ private Q_SLOTS:
         QCOMPARE(host.stopDaemon(), 0);
 
         const QString log = host.daemonLog();
-        QVERIFY(log.contains("[MacVpnBackend] uapi set config command =\nset=1\nprivate_key=<hidden>\n"));
-        for (const char *secret : {TestKeys::ClientPrivate, TestKeys::ClientPrivateHex, TestKeys::Preshared,
-                                   TestKeys::PresharedHex})
+        QVERIFY(log.contains(
+            "[MacVpnBackend] uapi set config command =\nset=1\nprivate_key=<hidden>\n"));
+        for (const char *secret : {TestKeys::ClientPrivate, TestKeys::ClientPrivateHex,
+                                   TestKeys::Preshared, TestKeys::PresharedHex})
             QVERIFY2(!log.contains(QLatin1String(secret)), secret);
         QVERIFY(!log.contains(peer.value("config").toString()));
     }

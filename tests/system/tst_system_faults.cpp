@@ -25,10 +25,13 @@ const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com\n\n";
 QJsonObject connectRequest()
 {
     const ParsedVpnConfig config = clientConfig();
-    const QJsonObject split{{"enabled", true}, {"mode", 2}, {"entries", QJsonArray{QJsonObject{{"value", "203.0.113.0/24"}}}}};
+    const QJsonObject split{{"enabled", true},
+                            {"mode", 2},
+                            {"entries", QJsonArray{QJsonObject{{"value", "203.0.113.0/24"}}}}};
     return {{"command", "connect"},
             {"config", VpnServiceProtocol::parsedConfigToJson(config)},
-            {"peer", QJsonObject{{"config", encodeConnectionString(awgDocument(config.lastConfig))}, {"splitTunnel", split}}}};
+            {"peer", QJsonObject{{"config", encodeConnectionString(awgDocument(config.lastConfig))},
+                                 {"splitTunnel", split}}}};
 }
 
 qint64 tunnelPid(const SystemHost &host)
@@ -51,8 +54,12 @@ private Q_SLOTS:
     void everyCycleRestoresTheHost()
     {
         REQUIRE_SANDBOX();
-        const quint32 seed = qEnvironmentVariableIsSet("TARVEX_FAULT_SEED") ? quint32(qEnvironmentVariableIntValue("TARVEX_FAULT_SEED")) : 20261122u;
-        const int cycles = qEnvironmentVariableIsSet("TARVEX_FAULT_CYCLES") ? qEnvironmentVariableIntValue("TARVEX_FAULT_CYCLES") : 40;
+        const quint32 seed = qEnvironmentVariableIsSet("TARVEX_FAULT_SEED")
+                                 ? quint32(qEnvironmentVariableIntValue("TARVEX_FAULT_SEED"))
+                                 : 20261122u;
+        const int cycles = qEnvironmentVariableIsSet("TARVEX_FAULT_CYCLES")
+                               ? qEnvironmentVariableIntValue("TARVEX_FAULT_CYCLES")
+                               : 40;
         QRandomGenerator random(seed);
 
         SystemHost host;
@@ -67,7 +74,8 @@ private Q_SLOTS:
         QStringList steps;
         for (const QStringList &call : host.calls()) {
             const QString line = call.join(' ');
-            if (!line.contains(" delete ") && !line.startsWith("dscacheutil") && !line.startsWith("killall"))
+            if (!line.contains(" delete ") && !line.startsWith("dscacheutil") &&
+                !line.startsWith("killall"))
                 steps.append(line);
         }
         host.request({{"command", "disconnect"}});
@@ -80,14 +88,17 @@ private Q_SLOTS:
             const int scenario = draw < 4 ? 0 : draw < 13 ? 1 : draw < 14 ? 2 : draw < 17 ? 3 : 4;
             ++counts[scenario];
             const QString step = steps.at(int(random.bounded(steps.size())));
-            const QString what = QStringList{"clean", "fail: " + step, "hang: " + step, "tunnel dies", "SIGTERM"}.at(scenario);
+            const QString what =
+                QStringList{"clean", "fail: " + step, "hang: " + step, "tunnel dies", "SIGTERM"}.at(
+                    scenario);
             std::printf("cycle %d: %s\n", cycle, qPrintable(what));
             std::fflush(stdout);
 
             if (scenario == 1 || scenario == 2)
                 host.setToolFaults({QString(scenario == 1 ? "fail:" : "hang:") + step});
             if (scenario == 4) {
-                auto reply = std::async(std::launch::async, [&host, &request] { return host.request(request); });
+                auto reply = std::async(std::launch::async,
+                                        [&host, &request] { return host.request(request); });
                 QTest::qWait(int(random.bounded(600)));
                 QCOMPARE(host.stopDaemon(SIGTERM), 0);
                 reply.wait();
@@ -99,18 +110,23 @@ private Q_SLOTS:
                     QTest::qWait(50);
                 }
                 host.setToolFaults({});
-                QCOMPARE(host.request({{"command", "disconnect"}}).value("status").toString(), QStringLiteral("disconnected"));
+                QCOMPARE(host.request({{"command", "disconnect"}}).value("status").toString(),
+                         QStringLiteral("disconnected"));
             }
 
-            QVERIFY2(!host.tunnelRunning(), qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
-            QVERIFY2(host.stateBytes() == state, qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
-            QVERIFY2(host.hostsFile() == Hosts, qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
+            QVERIFY2(!host.tunnelRunning(),
+                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
+            QVERIFY2(host.stateBytes() == state,
+                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
+            QVERIFY2(host.hostsFile() == Hosts,
+                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
             if (scenario == 4) {
                 host.setToolFaults({});
                 QVERIFY(host.startDaemon());
             }
         }
-        std::printf("seed %u: %d cycles (%d clean, %d failing step, %d hanging step, %d tunnel died, %d SIGTERM), "
+        std::printf("seed %u: %d cycles (%d clean, %d failing step, %d hanging step, %d tunnel "
+                    "died, %d SIGTERM), "
                     "host identical after every one\n",
                     seed, cycles, counts[0], counts[1], counts[2], counts[3], counts[4]);
     }

@@ -19,7 +19,8 @@ private Q_SLOTS:
         QProcess load;
         load.setProcessChannelMode(QProcess::MergedChannels);
         load.start(SystemHost::binary("load_clients"),
-                   {"--clients", "500", "--requests", "20000", "--pid", QString::number(host.daemon().processId())});
+                   {"--clients", "500", "--requests", "20000", "--pid",
+                    QString::number(host.daemon().processId())});
         QVERIFY(load.waitForFinished(300000));
         std::fputs(load.readAll().constData(), stdout);
         QCOMPARE(load.exitCode(), 0);

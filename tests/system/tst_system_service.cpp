@@ -27,7 +27,8 @@ private Q_SLOTS:
                  QByteArray("{\"error\":\"\",\"ok\":true,\"status\":\"disconnected\"}\n"));
         QCOMPARE(host.stopDaemon(), 0);
         QVERIFY(host.daemonLog().contains(
-            QStringLiteral("[MacVpnServiceServer] listening \"/private/tmp/corvel-client-service.sock\" euid= 0")));
+            QStringLiteral("[MacVpnServiceServer] listening "
+                           "\"/private/tmp/corvel-client-service.sock\" euid= 0")));
         QVERIFY(!host.daemonLog().contains(QStringLiteral("not running as root")));
     }
 
@@ -45,7 +46,9 @@ private Q_SLOTS:
 
         QVERIFY(host.startDaemon());
         QCOMPARE(host.request({{QStringLiteral("command"), QStringLiteral("status")}})
-                     .value(QStringLiteral("ok")).toBool(), true);
+                     .value(QStringLiteral("ok"))
+                     .toBool(),
+                 true);
         QVERIFY(!host.daemonLog().contains(QStringLiteral("stale socket detected")));
     }
 
@@ -57,7 +60,9 @@ private Q_SLOTS:
         const bool started = host.startDaemon();
         ::umask(previous);
         QVERIFY(started);
-        struct stat info{};
+        struct stat info
+        {
+        };
         QCOMPARE(::stat(QFile::encodeName(VpnServiceProtocol::socketPath()).constData(), &info), 0);
         QCOMPARE(info.st_mode & 0777, mode_t(0666));
         QVERIFY(S_ISSOCK(info.st_mode));
@@ -72,7 +77,9 @@ private Q_SLOTS:
         QVERIFY(second.startDaemon());
         QCOMPARE(first.daemon().state(), QProcess::Running);
         QCOMPARE(second.request({{QStringLiteral("command"), QStringLiteral("status")}})
-                     .value(QStringLiteral("ok")).toBool(), true);
+                     .value(QStringLiteral("ok"))
+                     .toBool(),
+                 true);
         QVERIFY(second.daemonLog().count(QStringLiteral("client connected")) >= 1);
     }
 

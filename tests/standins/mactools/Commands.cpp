@@ -34,7 +34,8 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
     command->command = args.takeFirst();
     if (command->command == QLatin1String("get")) {
         if (args != QStringList{QStringLiteral("default")}) {
-            *error = failure(QStringLiteral("route: get: only the default route is simulated\n"), 64);
+            *error =
+                failure(QStringLiteral("route: get: only the default route is simulated\n"), 64);
             return false;
         }
         command->destination = args.first();
@@ -68,7 +69,8 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
     }
     QString destination = positional.takeFirst();
     if (command->type.isEmpty())
-        command->type = destination.contains(QLatin1Char('/')) ? QStringLiteral("-net") : QStringLiteral("-host");
+        command->type = destination.contains(QLatin1Char('/')) ? QStringLiteral("-net")
+                                                               : QStringLiteral("-host");
 
     // The real tool resolves host names itself.
     if (!destination.contains(QLatin1Char('/')) && QHostAddress(destination).isNull()) {
@@ -79,9 +81,11 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
         }
         destination = resolved.front().toString();
     }
-    const QString subnet = destination.contains(QLatin1Char('/')) ? destination : destination + QStringLiteral("/0");
+    const QString subnet =
+        destination.contains(QLatin1Char('/')) ? destination : destination + QStringLiteral("/0");
     const QHostAddress parsed = QHostAddress::parseSubnet(subnet).first;
-    if (parsed.isNull() || (parsed.protocol() == QAbstractSocket::IPv6Protocol) != (command->family == QLatin1String("inet6"))) {
+    if (parsed.isNull() || (parsed.protocol() == QAbstractSocket::IPv6Protocol) !=
+                               (command->family == QLatin1String("inet6"))) {
         *error = failure(QStringLiteral("route: bad address: %1\n").arg(destination), 68);
         return false;
     }
@@ -112,7 +116,9 @@ bool parseIfconfig(QStringList args, IfconfigCommand *command, Result *error)
         return true;
     }
     if (args.isEmpty()) {
-        *error = failure(QStringLiteral("usage: ifconfig [-L] [-C] [-g] interface address_family [address [dest_address]]\n"), 1);
+        *error = failure(QStringLiteral("usage: ifconfig [-L] [-C] [-g] interface address_family "
+                                        "[address [dest_address]]\n"),
+                         1);
         return false;
     }
     command->name = args.takeFirst();
@@ -140,7 +146,8 @@ bool parseIfconfig(QStringList args, IfconfigCommand *command, Result *error)
                 bool ok = false;
                 command->mtu = args.takeFirst().toInt(&ok);
                 if (!ok || command->mtu < 576 || command->mtu > 16384) {
-                    *error = failure(QStringLiteral("ifconfig: ioctl (set mtu): Invalid argument\n"), 1);
+                    *error =
+                        failure(QStringLiteral("ifconfig: ioctl (set mtu): Invalid argument\n"), 1);
                     return false;
                 }
             } else {
@@ -150,8 +157,9 @@ bool parseIfconfig(QStringList args, IfconfigCommand *command, Result *error)
         return true;
     }
     if (command->family == QLatin1String("inet6")) {
-        if (args.size() != 4 || args.at(1) != QLatin1String("prefixlen") || args.at(3) != QLatin1String("alias")
-            || QHostAddress(args.at(0)).protocol() != QAbstractSocket::IPv6Protocol)
+        if (args.size() != 4 || args.at(1) != QLatin1String("prefixlen") ||
+            args.at(3) != QLatin1String("alias") ||
+            QHostAddress(args.at(0)).protocol() != QAbstractSocket::IPv6Protocol)
             return bad(args.join(QLatin1Char(' ')));
         command->address = args.at(0);
         return true;

@@ -21,7 +21,8 @@ IpResult ip(const QStringList &args)
     process.start(QStringLiteral("ip"), args);
     process.waitForFinished(5000);
     return {process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0,
-            QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError()).trimmed()};
+            QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError()).trimmed()};
 }
 
 // Linux says "RTNETLINK answers: File exists"; macOS's route says it from its routing socket.
@@ -29,9 +30,11 @@ QString routingSocketError(const QString &linuxError)
 {
     if (linuxError.contains(QLatin1String("File exists")))
         return QStringLiteral("File exists");
-    if (linuxError.contains(QLatin1String("No such process")) || linuxError.contains(QLatin1String("not found")))
+    if (linuxError.contains(QLatin1String("No such process")) ||
+        linuxError.contains(QLatin1String("not found")))
         return QStringLiteral("not in table");
-    if (linuxError.contains(QLatin1String("unreachable")) || linuxError.contains(QLatin1String("Cannot find device")))
+    if (linuxError.contains(QLatin1String("unreachable")) ||
+        linuxError.contains(QLatin1String("Cannot find device")))
         return QStringLiteral("Network is unreachable");
     return linuxError;
 }
@@ -41,14 +44,17 @@ QString routingSocketError(const QString &linuxError)
 Result appliedRoute(const RouteCommand &command)
 {
     if (command.command == QLatin1String("get")) {
-        const IpResult shown = ip({QStringLiteral("-4"), QStringLiteral("route"), QStringLiteral("show"), QStringLiteral("default")});
+        const IpResult shown = ip({QStringLiteral("-4"), QStringLiteral("route"),
+                                   QStringLiteral("show"), QStringLiteral("default")});
         static const QRegularExpression pattern(QStringLiteral("default via (\\S+) dev (\\S+)"));
         const QRegularExpressionMatch match = pattern.match(shown.out);
         if (!match.hasMatch())
             return failure(QStringLiteral("route: writing to routing socket: not in table\n"));
         return {0,
-                QStringLiteral("   route to: default\ndestination: default\n       mask: default\n    gateway: %1\n"
-                               "  interface: %2\n      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n")
+                QStringLiteral(
+                    "   route to: default\ndestination: default\n       mask: default\n    "
+                    "gateway: %1\n"
+                    "  interface: %2\n      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n")
                     .arg(match.captured(1), match.captured(2)),
                 QString()};
     }
@@ -58,7 +64,9 @@ Result appliedRoute(const RouteCommand &command)
     if (!destination.contains(QLatin1Char('/')))
         destination += ipv6 ? QStringLiteral("/128") : QStringLiteral("/32");
     QStringList args{ipv6 ? QStringLiteral("-6") : QStringLiteral("-4"), QStringLiteral("route"),
-                     command.command == QLatin1String("add") ? QStringLiteral("add") : QStringLiteral("del"), destination};
+                     command.command == QLatin1String("add") ? QStringLiteral("add")
+                                                             : QStringLiteral("del"),
+                     destination};
     if (command.command == QLatin1String("add")) {
         if (command.interfaceName.isEmpty())
             args << QStringLiteral("via") << command.gateway;
@@ -70,40 +78,50 @@ Result appliedRoute(const RouteCommand &command)
     if (!done.ok) {
         const QString reason = routingSocketError(done.err);
         const QString line = command.command == QLatin1String("add")
-                                 ? QStringLiteral("add %1 %2: gateway %3: %4\n").arg(command.word(), command.destination, via, reason)
-                                 : QStringLiteral("delete %1 %2: %3\n").arg(command.word(), command.destination, reason);
-        return failure(QStringLiteral("route: writing to routing socket: %1\n").arg(reason), 1, line);
+                                 ? QStringLiteral("add %1 %2: gateway %3: %4\n")
+                                       .arg(command.word(), command.destination, via, reason)
+                                 : QStringLiteral("delete %1 %2: %3\n")
+                                       .arg(command.word(), command.destination, reason);
+        return failure(QStringLiteral("route: writing to routing socket: %1\n").arg(reason), 1,
+                       line);
     }
     return {0,
-            command.command == QLatin1String("add") ? QStringLiteral("add %1 %2: gateway %3\n").arg(command.word(), command.destination, via)
-                                                    : QStringLiteral("delete %1 %2\n").arg(command.word(), command.destination),
+            command.command == QLatin1String("add")
+                ? QStringLiteral("add %1 %2: gateway %3\n")
+                      .arg(command.word(), command.destination, via)
+                : QStringLiteral("delete %1 %2\n").arg(command.word(), command.destination),
             QString()};
 }
 
 Result appliedIfconfig(const IfconfigCommand &command)
 {
     if (command.family == QLatin1String("list")) {
-        const IpResult links = ip({QStringLiteral("-o"), QStringLiteral("link"), QStringLiteral("show")});
+        const IpResult links =
+            ip({QStringLiteral("-o"), QStringLiteral("link"), QStringLiteral("show")});
         QStringList names;
-        static const QRegularExpression name(QStringLiteral("^\\d+: ([^:@]+)"), QRegularExpression::MultilineOption);
+        static const QRegularExpression name(QStringLiteral("^\\d+: ([^:@]+)"),
+                                             QRegularExpression::MultilineOption);
         for (auto it = name.globalMatch(links.out); it.hasNext();)
             names.append(it.next().captured(1));
         return {0, names.join(QLatin1Char(' ')) + QLatin1Char('\n'), QString()};
     }
     if (!ip({QStringLiteral("link"), QStringLiteral("show"), command.name}).ok)
-        return failure(QStringLiteral("ifconfig: interface %1 does not exist\n").arg(command.name), 1);
+        return failure(QStringLiteral("ifconfig: interface %1 does not exist\n").arg(command.name),
+                       1);
     if (command.family.isEmpty())
-        return {0, ip({QStringLiteral("addr"), QStringLiteral("show"), command.name}).out, QString()};
+        return {0, ip({QStringLiteral("addr"), QStringLiteral("show"), command.name}).out,
+                QString()};
 
     const auto run = [](const QStringList &args) -> Result {
         const IpResult done = ip(args);
         return done.ok ? Result{} : failure(QStringLiteral("ifconfig: %1\n").arg(done.err), 1);
     };
     if (command.family == QLatin1String("inet6"))
-        return run({QStringLiteral("-6"), QStringLiteral("addr"), QStringLiteral("add"), command.address + QStringLiteral("/128"),
-                    QStringLiteral("dev"), command.name});
+        return run({QStringLiteral("-6"), QStringLiteral("addr"), QStringLiteral("add"),
+                    command.address + QStringLiteral("/128"), QStringLiteral("dev"), command.name});
 
-    QStringList address{QStringLiteral("-4"), QStringLiteral("addr"), QStringLiteral("add"), command.address + QStringLiteral("/32"),
+    QStringList address{QStringLiteral("-4"),  QStringLiteral("addr"),
+                        QStringLiteral("add"), command.address + QStringLiteral("/32"),
                         QStringLiteral("dev"), command.name};
     if (command.destination != command.address)
         address << QStringLiteral("peer") << command.destination + QStringLiteral("/32");

@@ -10,12 +10,15 @@ QString key(const char *text)
     return QString::fromLatin1(text);
 }
 
-int findRoute(const QJsonArray &routes, const QString &family, const QString &type, const QString &destination)
+int findRoute(const QJsonArray &routes, const QString &family, const QString &type,
+              const QString &destination)
 {
     for (int i = 0; i < routes.size(); ++i) {
         const QJsonObject r = routes.at(i).toObject();
-        if (r.value(key("family")).toString() == family && r.value(key("type")).toString() == type
-            && canonicalDestination(r.value(key("destination")).toString()) == canonicalDestination(destination))
+        if (r.value(key("family")).toString() == family &&
+            r.value(key("type")).toString() == type &&
+            canonicalDestination(r.value(key("destination")).toString()) ==
+                canonicalDestination(destination))
             return i;
     }
     return -1;
@@ -31,27 +34,31 @@ Result simulatedRoute(QJsonObject &host, const RouteCommand &command)
         if (index < 0)
             return failure(key("route: writing to routing socket: not in table\n"));
         const QJsonObject r = routes.at(index).toObject();
-        return {0,
-                QStringLiteral("   route to: default\n"
-                               "destination: default\n"
-                               "       mask: default\n"
-                               "    gateway: %1\n"
-                               "  interface: %2\n"
-                               "      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n"
-                               " recvpipe  sendpipe  ssthresh  rtt,msec    rttvar  hopcount      mtu     expire\n"
-                               "       0         0         0         0         0         0      1500         0\n")
-                    .arg(r.value(key("gateway")).toString(), r.value(key("interface")).toString()),
-                QString()};
+        return {
+            0,
+            QStringLiteral(
+                "   route to: default\n"
+                "destination: default\n"
+                "       mask: default\n"
+                "    gateway: %1\n"
+                "  interface: %2\n"
+                "      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n"
+                " recvpipe  sendpipe  ssthresh  rtt,msec    rttvar  hopcount      mtu     expire\n"
+                "       0         0         0         0         0         0      1500         0\n")
+                .arg(r.value(key("gateway")).toString(), r.value(key("interface")).toString()),
+            QString()};
     }
 
     const int existing = findRoute(routes, command.family, command.type, command.destination);
     if (command.command == QLatin1String("delete")) {
         if (existing < 0)
             return failure(key("route: writing to routing socket: not in table\n"), 1,
-                           QStringLiteral("delete %1 %2: not in table\n").arg(command.word(), command.destination));
+                           QStringLiteral("delete %1 %2: not in table\n")
+                               .arg(command.word(), command.destination));
         routes.removeAt(existing);
         host.insert(key("routes"), routes);
-        return {0, QStringLiteral("delete %1 %2\n").arg(command.word(), command.destination), QString()};
+        return {0, QStringLiteral("delete %1 %2\n").arg(command.word(), command.destination),
+                QString()};
     }
 
     QString gateway = command.gateway;
@@ -64,14 +71,19 @@ Result simulatedRoute(QJsonObject &host, const RouteCommand &command)
     }
     if (existing >= 0)
         return failure(key("route: writing to routing socket: File exists\n"), 1,
-                       QStringLiteral("add %1 %2: gateway %3: File exists\n").arg(command.word(), command.destination, gateway));
-    routes.append(QJsonObject{{key("family"), command.family},
-                              {key("destination"), command.destination},
-                              {key("type"), command.type},
-                              {key("gateway"), gateway},
-                              {key("interface"), command.interfaceName.isEmpty() ? key("en0") : command.interfaceName}});
+                       QStringLiteral("add %1 %2: gateway %3: File exists\n")
+                           .arg(command.word(), command.destination, gateway));
+    routes.append(QJsonObject{
+        {key("family"), command.family},
+        {key("destination"), command.destination},
+        {key("type"), command.type},
+        {key("gateway"), gateway},
+        {key("interface"), command.interfaceName.isEmpty() ? key("en0") : command.interfaceName}});
     host.insert(key("routes"), routes);
-    return {0, QStringLiteral("add %1 %2: gateway %3\n").arg(command.word(), command.destination, gateway), QString()};
+    return {
+        0,
+        QStringLiteral("add %1 %2: gateway %3\n").arg(command.word(), command.destination, gateway),
+        QString()};
 }
 
 Result simulatedIfconfig(QJsonObject &host, const IfconfigCommand &command)
@@ -80,18 +92,20 @@ Result simulatedIfconfig(QJsonObject &host, const IfconfigCommand &command)
     if (command.family == QLatin1String("list"))
         return {0, interfaces.keys().join(QLatin1Char(' ')) + QLatin1Char('\n'), QString()};
     if (!interfaces.contains(command.name))
-        return failure(QStringLiteral("ifconfig: interface %1 does not exist\n").arg(command.name), 1);
+        return failure(QStringLiteral("ifconfig: interface %1 does not exist\n").arg(command.name),
+                       1);
     QJsonObject iface = interfaces.value(command.name).toObject();
 
     if (command.family.isEmpty()) {
         QString text = QStringLiteral("%1: flags=%2 mtu %3\n")
-                           .arg(command.name,
-                                iface.value(key("up")).toBool() ? key("8051<UP,POINTOPOINT,RUNNING,MULTICAST>")
-                                                                 : key("8050<POINTOPOINT,RUNNING,MULTICAST>"))
+                           .arg(command.name, iface.value(key("up")).toBool()
+                                                  ? key("8051<UP,POINTOPOINT,RUNNING,MULTICAST>")
+                                                  : key("8050<POINTOPOINT,RUNNING,MULTICAST>"))
                            .arg(iface.value(key("mtu")).toInt());
         if (iface.contains(key("inet")))
-            text += QStringLiteral("\tinet %1 --> %2 netmask 0xffffffff\n")
-                        .arg(iface.value(key("inet")).toString(), iface.value(key("dest")).toString());
+            text +=
+                QStringLiteral("\tinet %1 --> %2 netmask 0xffffffff\n")
+                    .arg(iface.value(key("inet")).toString(), iface.value(key("dest")).toString());
         for (const QJsonValue &v6 : iface.value(key("inet6")).toArray())
             text += QStringLiteral("\tinet6 %1 prefixlen 128\n").arg(v6.toString());
         return {0, text, QString()};
@@ -125,11 +139,13 @@ Result simulatedNetworksetup(QJsonObject &host, QStringList args)
         QString text = key("An asterisk (*) denotes that a network service is disabled.\n");
         for (const QJsonValue &value : std::as_const(services)) {
             const QJsonObject s = value.toObject();
-            text += (s.value(key("enabled")).toBool() ? QString() : key("*")) + s.value(key("name")).toString() + QLatin1Char('\n');
+            text += (s.value(key("enabled")).toBool() ? QString() : key("*")) +
+                    s.value(key("name")).toString() + QLatin1Char('\n');
         }
         return {0, text, QString()};
     }
-    if (args.size() < 2 || (args.at(0) != QLatin1String("-getdnsservers") && args.at(0) != QLatin1String("-setdnsservers")))
+    if (args.size() < 2 || (args.at(0) != QLatin1String("-getdnsservers") &&
+                            args.at(0) != QLatin1String("-setdnsservers")))
         return invalid;
 
     const QString command = args.takeFirst();
@@ -140,13 +156,15 @@ Result simulatedNetworksetup(QJsonObject &host, QStringList args)
             index = i;
     }
     if (index < 0)
-        return failure(invalid.err, 4, QStringLiteral("%1 is not a recognized network service.\n").arg(name));
+        return failure(invalid.err, 4,
+                       QStringLiteral("%1 is not a recognized network service.\n").arg(name));
     QJsonObject s = services.at(index).toObject();
 
     if (command == QLatin1String("-getdnsservers")) {
         const QJsonArray dns = s.value(key("dns")).toArray();
         if (dns.isEmpty())
-            return {0, QStringLiteral("There aren't any DNS Servers set on %1.\n").arg(name), QString()};
+            return {0, QStringLiteral("There aren't any DNS Servers set on %1.\n").arg(name),
+                    QString()};
         QString text;
         for (const QJsonValue &server : dns)
             text += server.toString() + QLatin1Char('\n');
@@ -159,7 +177,8 @@ Result simulatedNetworksetup(QJsonObject &host, QStringList args)
     if (args != QStringList{key("Empty")}) {
         for (const QString &server : std::as_const(args)) {
             if (QHostAddress(server).isNull())
-                return failure(invalid.err, 4, QStringLiteral("%1 is not a valid IP address.\n").arg(server));
+                return failure(invalid.err, 4,
+                               QStringLiteral("%1 is not a valid IP address.\n").arg(server));
             dns.append(server);
         }
     }

@@ -28,7 +28,8 @@ Result run(const QString &tool, const QStringList &args, const QString &dir)
     }
     if (tool == QLatin1String("killall")) {
         if (args != QStringList{QStringLiteral("-HUP"), QStringLiteral("mDNSResponder")})
-            return failure(QStringLiteral("No matching processes belonging to you were found\n"), 1);
+            return failure(QStringLiteral("No matching processes belonging to you were found\n"),
+                           1);
         SimHost::increment(dir, QStringLiteral("mDNSResponderHUP"));
         return {};
     }
@@ -78,11 +79,13 @@ int main(int argc, char *argv[])
     {
         SimHost::Lock lock(dir);
         SimHost::logCall(dir, QStringList{tool} + args);
-        const QString fault = SimHost::faultFor(dir, (QStringList{tool} + args).join(QLatin1Char(' ')));
+        const QString fault =
+            SimHost::faultFor(dir, (QStringList{tool} + args).join(QLatin1Char(' ')));
         if (fault == QLatin1String("fail"))
             result = failure(QStringLiteral("%1: simulated failure\n").arg(tool), 1);
         else if (fault == QLatin1String("garble"))
-            result = {0, QStringLiteral("%1: unexpected output\n\tno fields here\n").arg(tool), QString()};
+            result = {0, QStringLiteral("%1: unexpected output\n\tno fields here\n").arg(tool),
+                      QString()};
         else if (fault == QLatin1String("hang"))
             hang = true;
         else

@@ -75,7 +75,8 @@ Lock::~Lock()
 
 QJsonObject load(const QString &dir)
 {
-    QJsonObject host = QJsonDocument::fromJson(readFile(dir + QStringLiteral("/host.json"))).object();
+    QJsonObject host =
+        QJsonDocument::fromJson(readFile(dir + QStringLiteral("/host.json"))).object();
     QJsonObject interfaces = host.value(QStringLiteral("interfaces")).toObject();
     QStringList gone;
     for (auto it = interfaces.begin(); it != interfaces.end();) {
@@ -127,14 +128,17 @@ QJsonObject defaultHost()
                      {QStringLiteral("mtu"), 1500},
                      {QStringLiteral("up"), true}}},
         // macOS keeps a few utun interfaces of its own; a new tunnel gets the next one.
-        {QStringLiteral("utun0"), QJsonObject{{QStringLiteral("mtu"), 1380}, {QStringLiteral("up"), true}}},
-        {QStringLiteral("utun1"), QJsonObject{{QStringLiteral("mtu"), 2000}, {QStringLiteral("up"), true}}},
+        {QStringLiteral("utun0"),
+         QJsonObject{{QStringLiteral("mtu"), 1380}, {QStringLiteral("up"), true}}},
+        {QStringLiteral("utun1"),
+         QJsonObject{{QStringLiteral("mtu"), 2000}, {QStringLiteral("up"), true}}},
     };
     const QJsonArray services = {
         service("Wi-Fi", true, {QStringLiteral("192.168.1.1")}),
         service("Ethernet", true, {}),
         service("Bluetooth PAN", false, {QStringLiteral("10.9.9.9")}),
-        service("Thunderbolt Bridge", true, {QStringLiteral("9.9.9.9"), QStringLiteral("149.112.112.112")}),
+        service("Thunderbolt Bridge", true,
+                {QStringLiteral("9.9.9.9"), QStringLiteral("149.112.112.112")}),
     };
     return {{QStringLiteral("routes"), routes},
             {QStringLiteral("interfaces"), interfaces},
@@ -169,7 +173,8 @@ void logCall(const QString &dir, const QStringList &argv)
 {
     QFile file(dir + QStringLiteral("/calls.log"));
     if (file.open(QIODevice::Append))
-        file.write(QJsonDocument(QJsonArray::fromStringList(argv)).toJson(QJsonDocument::Compact) + '\n');
+        file.write(QJsonDocument(QJsonArray::fromStringList(argv)).toJson(QJsonDocument::Compact) +
+                   '\n');
 }
 
 QList<QStringList> calls(const QString &dir)
@@ -189,8 +194,10 @@ QList<QStringList> calls(const QString &dir)
 
 QString faultFor(const QString &dir, const QString &commandLine)
 {
-    QStringList rules = qEnvironmentVariable("MACSIM_FAULTS").split(QLatin1Char(';'), Qt::SkipEmptyParts);
-    rules += QString::fromUtf8(readFile(dir + QStringLiteral("/faults"))).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList rules =
+        qEnvironmentVariable("MACSIM_FAULTS").split(QLatin1Char(';'), Qt::SkipEmptyParts);
+    rules += QString::fromUtf8(readFile(dir + QStringLiteral("/faults")))
+                 .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     for (const QString &rule : std::as_const(rules)) {
         const int colon = rule.indexOf(QLatin1Char(':'));
         if (colon > 0 && commandLine.startsWith(rule.mid(colon + 1).trimmed()))

@@ -31,8 +31,8 @@ bool isHeader(const QString &value)
     qint64 high = 0;
     if (parts.size() == 1)
         return inRange(parts[0], 0, 0xffffffffLL);
-    return parts.size() == 2 && inRange(parts[0], 0, 0xffffffffLL, &low)
-           && inRange(parts[1], 0, 0xffffffffLL, &high) && low <= high;
+    return parts.size() == 2 && inRange(parts[0], 0, 0xffffffffLL, &low) &&
+           inRange(parts[1], 0, 0xffffffffLL, &high) && low <= high;
 }
 
 bool isEndpoint(const QString &value)
@@ -42,7 +42,8 @@ bool isEndpoint(const QString &value)
         return false;
     QString host = value.left(colon);
     if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']')))
-        return QHostAddress(host.mid(1, host.size() - 2)).protocol() == QAbstractSocket::IPv6Protocol;
+        return QHostAddress(host.mid(1, host.size() - 2)).protocol() ==
+               QAbstractSocket::IPv6Protocol;
     return QHostAddress(host).protocol() == QAbstractSocket::IPv4Protocol;
 }
 
@@ -58,11 +59,14 @@ bool validAmneziaKey(const QString &key, const QString &value)
         return inRange(value, 0, 128);
     if (key == QLatin1String("jmin") || key == QLatin1String("jmax"))
         return inRange(value, 0, 1280);
-    if (key.size() == 2 && key[0] == QLatin1Char('s') && key[1] >= QLatin1Char('1') && key[1] <= QLatin1Char('4'))
+    if (key.size() == 2 && key[0] == QLatin1Char('s') && key[1] >= QLatin1Char('1') &&
+        key[1] <= QLatin1Char('4'))
         return inRange(value, 0, 1132);
-    if (key.size() == 2 && key[0] == QLatin1Char('h') && key[1] >= QLatin1Char('1') && key[1] <= QLatin1Char('4'))
+    if (key.size() == 2 && key[0] == QLatin1Char('h') && key[1] >= QLatin1Char('1') &&
+        key[1] <= QLatin1Char('4'))
         return isHeader(value);
-    if (key.size() == 2 && key[0] == QLatin1Char('i') && key[1] >= QLatin1Char('1') && key[1] <= QLatin1Char('5'))
+    if (key.size() == 2 && key[0] == QLatin1Char('i') && key[1] >= QLatin1Char('1') &&
+        key[1] <= QLatin1Char('5'))
         return !value.isEmpty();
     return false;
 }
@@ -181,11 +185,13 @@ QString UapiDevice::get() const
         text += entry.first + QLatin1Char('=') + entry.second + QLatin1Char('\n');
     for (const Peer &p : peers) {
         text += QStringLiteral("public_key=%1\n").arg(p.publicKey);
-        text += QStringLiteral("preshared_key=%1\n").arg(p.presharedKey.isEmpty() ? QString(64, QLatin1Char('0')) : p.presharedKey);
+        text += QStringLiteral("preshared_key=%1\n")
+                    .arg(p.presharedKey.isEmpty() ? QString(64, QLatin1Char('0')) : p.presharedKey);
         text += QStringLiteral("protocol_version=1\n");
         if (!p.endpoint.isEmpty())
             text += QStringLiteral("endpoint=%1\n").arg(p.endpoint);
-        text += QStringLiteral("last_handshake_time_sec=0\nlast_handshake_time_nsec=0\ntx_bytes=0\nrx_bytes=0\n");
+        text += QStringLiteral(
+            "last_handshake_time_sec=0\nlast_handshake_time_nsec=0\ntx_bytes=0\nrx_bytes=0\n");
         text += QStringLiteral("persistent_keepalive_interval=%1\n").arg(p.keepAlive);
         for (const QString &range : p.allowedIps)
             text += QStringLiteral("allowed_ip=%1\n").arg(range);

@@ -49,9 +49,10 @@ QString faultValue(const QString &name)
 
 void log(const QString &interfaceName, const QString &text)
 {
-    std::printf("INFO: (%s) %s %s\n", qPrintable(interfaceName),
-                qPrintable(QDateTime::currentDateTime().toString(QStringLiteral("yyyy/MM/dd HH:mm:ss"))),
-                qPrintable(text));
+    std::printf(
+        "INFO: (%s) %s %s\n", qPrintable(interfaceName),
+        qPrintable(QDateTime::currentDateTime().toString(QStringLiteral("yyyy/MM/dd HH:mm:ss"))),
+        qPrintable(text));
     std::fflush(stdout);
 }
 
@@ -109,7 +110,8 @@ int main(int argc, char *argv[])
         return 2;
     }
     if (faults().contains(QStringLiteral("eperm"))) {
-        std::fprintf(stderr, "ERROR: (utun) Failed to create TUN device: operation not permitted\n");
+        std::fprintf(stderr,
+                     "ERROR: (utun) Failed to create TUN device: operation not permitted\n");
         return 1;
     }
 
@@ -154,7 +156,8 @@ int main(int argc, char *argv[])
                     const QString forced = faultValue(QStringLiteral("errno"));
                     if (!forced.isEmpty() && request.startsWith(QStringLiteral("set=1")))
                         error = forced.toInt();
-                    QByteArray reply = listing.toUtf8() + "errno=" + QByteArray::number(error) + '\n';
+                    QByteArray reply =
+                        listing.toUtf8() + "errno=" + QByteArray::number(error) + '\n';
                     if (!faults().contains(QStringLiteral("no-close")))
                         reply += '\n';
                     client->write(reply);
@@ -168,8 +171,8 @@ int main(int argc, char *argv[])
     const auto listen = [&] {
         QLocalServer::removeServer(socketPath);
         if (!server.listen(socketPath)) {
-            std::fprintf(stderr, "ERROR: (%s) Failed to listen on uapi socket: %s\n", qPrintable(name),
-                         qPrintable(server.errorString()));
+            std::fprintf(stderr, "ERROR: (%s) Failed to listen on uapi socket: %s\n",
+                         qPrintable(name), qPrintable(server.errorString()));
             QCoreApplication::exit(1);
             return;
         }

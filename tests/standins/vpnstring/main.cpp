@@ -29,15 +29,17 @@ int main()
             const QJsonValue last = protocol.value(QStringLiteral("last_config"));
             if (last.isObject()) {
                 protocol.insert(QStringLiteral("last_config"),
-                                QString::fromUtf8(QJsonDocument(last.toObject()).toJson(QJsonDocument::Compact)));
+                                QString::fromUtf8(
+                                    QJsonDocument(last.toObject()).toJson(QJsonDocument::Compact)));
                 it.value() = protocol;
             }
         }
         containers.replace(i, container);
     }
     root.insert(QStringLiteral("containers"), containers);
-    const QByteArray packed = qCompress(QJsonDocument(root).toJson(QJsonDocument::Compact))
-                                  .toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+    const QByteArray packed =
+        qCompress(QJsonDocument(root).toJson(QJsonDocument::Compact))
+            .toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
     std::printf("vpn://%s\n", packed.constData());
     return 0;
 }
