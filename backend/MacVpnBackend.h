@@ -96,7 +96,7 @@ public:
     QString routeType(const QString &route) const;
 
 private:
-    friend struct MacVpnBackendInspector;
+    friend struct MacVpnBackendAccess;
 
     bool connectWasCancelled() const { return connectCancelled; }
 

@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "ClientConfig.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
@@ -49,7 +49,7 @@ private Q_SLOTS:
         QCOMPARE(statuses(changed),
                  (Statuses{PlatformVpnBackend::Connecting, PlatformVpnBackend::Connected}));
         QCOMPARE(connected.count(), 1);
-        QCOMPARE(MacVpnBackendInspector::tunnelInterface(backend), QStringLiteral("utun2"));
+        QCOMPARE(MacVpnBackendAccess::tunnelInterface(backend), QStringLiteral("utun2"));
         QCOMPARE(host.calls("networksetup").size(), 7);
         QVERIFY(host.counter("flushcache") >= 2);
 
@@ -58,7 +58,7 @@ private Q_SLOTS:
                  (Statuses{PlatformVpnBackend::Disconnecting, PlatformVpnBackend::Disconnected}));
         QCOMPARE(disconnected.count(), 1);
         QCOMPARE(host.stateBytes(), before);
-        QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
+        QCOMPARE(MacVpnBackendAccess::tunnelProcess(backend).state(), QProcess::NotRunning);
 
         // A second disconnect changes nothing and cleans nothing.
         LogCapture log;
@@ -114,7 +114,7 @@ private Q_SLOTS:
         QCOMPARE(backend.status(), PlatformVpnBackend::Error);
         QCOMPARE(backend.lastError(),
                  QStringLiteral("Не удалось применить WireGuard/AWG-конфигурацию"));
-        QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
+        QCOMPARE(MacVpnBackendAccess::tunnelProcess(backend).state(), QProcess::NotRunning);
         QVERIFY(host.calls("ifconfig").isEmpty());
         QCOMPARE(host.stateBytes(), before);
     }

@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
 
@@ -157,7 +157,7 @@ private Q_SLOTS:
         QCOMPARE(host->calls("route"),
                  (QList<QStringList>{{"-n", "add", "-host", "198.51.100.10", "192.168.1.1"},
                                      {"-n", "add", "-host", "198.51.100.11", "192.168.1.1"}}));
-        QCOMPARE(MacVpnBackendInspector::bypassHosts(*backend),
+        QCOMPARE(MacVpnBackendAccess::bypassHosts(*backend),
                  (QStringList{"198.51.100.10", "198.51.100.11"}));
         QVERIFY(log.contains("[MacVpnBackend] control-plane bypass \"tarvex.com\" -> "
                              "\"198.51.100.10\" via \"192.168.1.1\""));
@@ -171,7 +171,7 @@ private Q_SLOTS:
         host->resolve("tarvex.com", {"198.51.100.10", "198.51.100.10"});
         backend->installControlPlaneBypass("192.168.1.1");
         QCOMPARE(host->calls("route").size(), 1);
-        QCOMPARE(MacVpnBackendInspector::bypassHosts(*backend), QStringList{"198.51.100.10"});
+        QCOMPARE(MacVpnBackendAccess::bypassHosts(*backend), QStringList{"198.51.100.10"});
 
         backend->removeControlPlaneBypass();
         host->clearCalls();
@@ -182,7 +182,7 @@ private Q_SLOTS:
         QCOMPARE(log.count("[MacVpnBackend] control-plane route failed \"198.51.100.10\" \"route: "
                            "simulated failure\""),
                  2);
-        QVERIFY(MacVpnBackendInspector::bypassHosts(*backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::bypassHosts(*backend).isEmpty());
         QVERIFY(!read().contains("TARVEX_VPN_CLIENT"));
     }
 
@@ -191,7 +191,7 @@ private Q_SLOTS:
         host->resolve("tarvex.com", {"198.51.100.10", "198.51.100.11"});
         host->setToolFaults({"fail:route -n add -host 198.51.100.10"});
         backend->installControlPlaneBypass("192.168.1.1");
-        QCOMPARE(MacVpnBackendInspector::bypassHosts(*backend), QStringList{"198.51.100.11"});
+        QCOMPARE(MacVpnBackendAccess::bypassHosts(*backend), QStringList{"198.51.100.11"});
         QVERIFY(read().contains("198.51.100.11\ttarvex.com\n# END"));
         QVERIFY(!read().contains("198.51.100.10"));
     }

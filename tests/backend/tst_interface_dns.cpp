@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "ClientConfig.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
@@ -29,7 +29,7 @@ private Q_SLOTS:
         FakeHost host;
         LogCapture log;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun1");
         QVERIFY(backend.configureInterface(clientConfig()));
         QCOMPARE(host.calls("ifconfig"), (Calls{ipv4("10.8.1.2", "1420"), Ipv6Alias}));
         const QJsonObject utun1 =
@@ -45,7 +45,7 @@ private Q_SLOTS:
     {
         FakeHost host;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun1");
         QVERIFY(backend.configureInterface(clientConfig({{"mtu", 1420}})));
         QCOMPARE(host.calls("ifconfig").first(), ipv4("10.8.1.2", "1280"));
     }
@@ -54,7 +54,7 @@ private Q_SLOTS:
     {
         FakeHost host;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun1");
         QVERIFY(!backend.configureInterface(clientConfig({{"client_ip", QJsonValue::Null}})));
         QCOMPARE(backend.lastError(), QStringLiteral("В конфигурации нет client_ip"));
         QVERIFY(host.calls().isEmpty());
@@ -64,7 +64,7 @@ private Q_SLOTS:
     {
         FakeHost host;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun9"); // no such interface
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun9"); // no such interface
         QVERIFY(!backend.configureInterface(clientConfig()));
         QCOMPARE(
             backend.lastError(),
@@ -78,7 +78,7 @@ private Q_SLOTS:
         FakeHost host;
         host.setToolFaults({"fail:ifconfig utun1 inet6"});
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun1");
         QVERIFY(backend.configureInterface(clientConfig()));
         QCOMPARE(backend.status(), PlatformVpnBackend::Disconnected);
     }
@@ -100,7 +100,7 @@ private Q_SLOTS:
                         {"-setdnsservers", "Ethernet", "1.1.1.1"},
                         {"-getdnsservers", "Thunderbolt Bridge"},
                         {"-setdnsservers", "Thunderbolt Bridge", "1.1.1.1"}}));
-        QCOMPARE(MacVpnBackendInspector::savedDns(backend),
+        QCOMPARE(MacVpnBackendAccess::savedDns(backend),
                  (QMap<QString, QStringList>{{"Ethernet", {}},
                                              {"Thunderbolt Bridge", {"9.9.9.9", "149.112.112.112"}},
                                              {"Wi-Fi", {"192.168.1.1"}}}));
@@ -113,7 +113,7 @@ private Q_SLOTS:
                  (Calls{{"-setdnsservers", "Ethernet", "Empty"},
                         {"-setdnsservers", "Thunderbolt Bridge", "9.9.9.9", "149.112.112.112"},
                         {"-setdnsservers", "Wi-Fi", "192.168.1.1"}}));
-        QVERIFY(MacVpnBackendInspector::savedDns(backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::savedDns(backend).isEmpty());
         QCOMPARE(host.stateBytes(), before);
 
         host.clearCalls();
@@ -130,7 +130,7 @@ private Q_SLOTS:
         config.dns2.clear();
         QVERIFY(backend.configureDns(config));
         QVERIFY(host.calls().isEmpty());
-        QVERIFY(MacVpnBackendInspector::savedDns(backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::savedDns(backend).isEmpty());
     }
 
     void changesNothingWhenListingFails()
@@ -140,7 +140,7 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.configureDns(clientConfig()));
         QCOMPARE(host.calls("networksetup").size(), 1);
-        QVERIFY(MacVpnBackendInspector::savedDns(backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::savedDns(backend).isEmpty());
     }
 
     void leavesServiceAloneWhenItsServersCannotBeRead()
@@ -150,10 +150,10 @@ private Q_SLOTS:
         const QByteArray before = host.stateBytes();
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.configureDns(clientConfig()));
-        QVERIFY(!MacVpnBackendInspector::savedDns(backend).contains("Wi-Fi"));
+        QVERIFY(!MacVpnBackendAccess::savedDns(backend).contains("Wi-Fi"));
         QVERIFY(!host.calls("networksetup")
                      .contains(QStringList{"-setdnsservers", "Wi-Fi", "1.1.1.1", "1.0.0.1"}));
-        QCOMPARE(MacVpnBackendInspector::savedDns(backend).size(), 2);
+        QCOMPARE(MacVpnBackendAccess::savedDns(backend).size(), 2);
         backend.restoreDns();
         QCOMPARE(host.stateBytes(), before);
     }

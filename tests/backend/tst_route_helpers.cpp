@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
 
@@ -141,7 +141,7 @@ private Q_SLOTS:
     {
         FakeHost host;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(
+        MacVpnBackendAccess::setSplitTunnel(
             backend, split(1, {entry("10.0.0.0/8"), entry(" 1.2.3.4 "), entry("2001:db8::/32")}));
         QCOMPARE(backend.splitTunnelRoutes(),
                  (QStringList{"10.0.0.0/8", "1.2.3.4", "2001:db8::/32"}));
@@ -153,9 +153,9 @@ private Q_SLOTS:
         FakeHost host;
         host.resolve("dual.example", {"2001:db8::7", "192.0.2.7"});
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {entry("dual.example")}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(1, {entry("dual.example")}));
         QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"2001:db8::7", "192.0.2.7"}));
-        MacVpnBackendInspector::setSplitTunnel(
+        MacVpnBackendAccess::setSplitTunnel(
             backend,
             split(2, {entry("dual.example"), entry("2001:db8::/32"), entry("10.0.0.0/8")}));
         QCOMPARE(backend.splitTunnelRoutes(), (QStringList{"192.0.2.7", "10.0.0.0/8"}));
@@ -166,12 +166,12 @@ private Q_SLOTS:
         FakeHost host;
         LogCapture log;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(backend,
+        MacVpnBackendAccess::setSplitTunnel(backend,
                                                split(1, {entry("gone.example", " 198.51.100.7 ")}));
         QCOMPARE(backend.splitTunnelRoutes(), QStringList{"198.51.100.7"});
         QVERIFY(!log.contains("not resolved"));
 
-        MacVpnBackendInspector::setSplitTunnel(
+        MacVpnBackendAccess::setSplitTunnel(
             backend, split(1, {entry("gone.example"), entry("also.gone", "not-an-address")}));
         QCOMPARE(backend.splitTunnelRoutes(), QStringList());
         QVERIFY(log.contains("[MacVpnBackend] split tunnel host not resolved \"gone.example\""));
@@ -184,14 +184,14 @@ private Q_SLOTS:
         host.resolve("a.example", {"192.0.2.1", "192.0.2.1", "192.0.2.2"});
         LogCapture log;
         MacVpnBackend backend(host.environment());
-        MacVpnBackendInspector::setSplitTunnel(
+        MacVpnBackendAccess::setSplitTunnel(
             backend, split(1, {entry("192.0.2.2"), entry("a.example"), QVariant("192.0.2.9"),
                                entry("192.0.2.1/32")}));
         QCOMPARE(backend.splitTunnelRoutes(),
                  (QStringList{"192.0.2.2", "192.0.2.1", "192.0.2.1/32"}));
         QVERIFY(log.contains("[MacVpnBackend] split tunnel host not resolved \"\""));
 
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(1, {}));
         QCOMPARE(backend.splitTunnelRoutes(), QStringList());
     }
 };

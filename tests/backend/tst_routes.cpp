@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "ClientConfig.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
@@ -38,7 +38,7 @@ private:
     // Routes go through utun1, an interface the simulated host already has.
     static void prepare(FakeHost &, MacVpnBackend &backend)
     {
-        MacVpnBackendInspector::setTunnelInterface(backend, "utun1");
+        MacVpnBackendAccess::setTunnelInterface(backend, "utun1");
     }
     static MacVpnBackend::SplitTunnelSettings split(int mode, const QStringList &values)
     {
@@ -66,9 +66,9 @@ private Q_SLOTS:
                  (Calls{GetDefault, ServerRoute, BypassRoute, tunnelRoute("0.0.0.0/1"),
                         tunnelRoute("128.0.0.0/1"), tunnelRoute("::/1", true),
                         tunnelRoute("8000::/1", true)}));
-        QCOMPARE(MacVpnBackendInspector::routes(backend), FullTunnel);
-        QCOMPARE(MacVpnBackendInspector::serverHost(backend), QStringLiteral("203.0.113.5"));
-        QCOMPARE(MacVpnBackendInspector::bypassHosts(backend), QStringList{"198.51.100.10"});
+        QCOMPARE(MacVpnBackendAccess::routes(backend), FullTunnel);
+        QCOMPARE(MacVpnBackendAccess::serverHost(backend), QStringLiteral("203.0.113.5"));
+        QCOMPARE(MacVpnBackendAccess::bypassHosts(backend), QStringList{"198.51.100.10"});
 
         host.clearCalls();
         backend.removeRoutes();
@@ -78,9 +78,9 @@ private Q_SLOTS:
                                              {"-n", "delete", "-net", "128.0.0.0/1"},
                                              {"-n", "delete", "-net", "0.0.0.0/1"},
                                              {"-n", "delete", "-host", "203.0.113.5"}}));
-        QVERIFY(MacVpnBackendInspector::routes(backend).isEmpty());
-        QVERIFY(MacVpnBackendInspector::bypassHosts(backend).isEmpty());
-        QCOMPARE(MacVpnBackendInspector::serverHost(backend), QStringLiteral("203.0.113.5"));
+        QVERIFY(MacVpnBackendAccess::routes(backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::bypassHosts(backend).isEmpty());
+        QCOMPARE(MacVpnBackendAccess::serverHost(backend), QStringLiteral("203.0.113.5"));
         QCOMPARE(host.stateBytes(), before);
     }
 
@@ -91,7 +91,7 @@ private Q_SLOTS:
         prepare(host, backend);
         // With everything allowed, other IPv4 ranges are not routed separately.
         QVERIFY(backend.configureRoutes(allowing({"0.0.0.0/0", "10.0.0.0/8"})));
-        QCOMPARE(MacVpnBackendInspector::routes(backend),
+        QCOMPARE(MacVpnBackendAccess::routes(backend),
                  (Routes{{"inet", "0.0.0.0/1", "-net"}, {"inet", "128.0.0.0/1", "-net"}}));
         backend.removeRoutes();
 
@@ -101,7 +101,7 @@ private Q_SLOTS:
             allowing({"10.0.0.0/8", "fd00::/8", "192.168.5.7", "vpn.example"})));
         QCOMPARE(host.calls("route").mid(2),
                  (Calls{tunnelRoute("10.0.0.0/8"), tunnelRoute("192.168.5.7")}));
-        QCOMPARE(MacVpnBackendInspector::routes(backend),
+        QCOMPARE(MacVpnBackendAccess::routes(backend),
                  (Routes{{"inet", "10.0.0.0/8", "-net"}, {"inet", "192.168.5.7", "-net"}}));
     }
 
@@ -113,7 +113,7 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
         QVERIFY(backend.configureRoutes(clientConfig()));
-        QCOMPARE(MacVpnBackendInspector::routes(backend), FullTunnel);
+        QCOMPARE(MacVpnBackendAccess::routes(backend), FullTunnel);
         QCOMPARE(backend.status(), PlatformVpnBackend::Disconnected);
         QVERIFY(log.contains(QString("[MacVpnBackend] command failed \"%1\" exitCode= 1")
                                  .arg(host.path("tools/route"))));
@@ -124,12 +124,12 @@ private Q_SLOTS:
         FakeHost host;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {"10.1.2.3", "2001:db8::/32"}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(1, {"10.1.2.3", "2001:db8::/32"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
         QCOMPARE(host.calls("route").mid(2),
                  (Calls{{"-n", "add", "-host", "10.1.2.3", "-interface", "utun1"},
                         {"-n", "add", "-inet6", "-net", "2001:db8::/32", "-interface", "utun1"}}));
-        QCOMPARE(MacVpnBackendInspector::routes(backend),
+        QCOMPARE(MacVpnBackendAccess::routes(backend),
                  (Routes{{"inet", "10.1.2.3", "-host"}, {"inet6", "2001:db8::/32", "-net"}}));
     }
 
@@ -138,10 +138,10 @@ private Q_SLOTS:
         FakeHost host;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend, split(1, {"nowhere.example"}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(1, {"nowhere.example"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
         QCOMPARE(host.calls("route"), (Calls{GetDefault, ServerRoute}));
-        QVERIFY(MacVpnBackendInspector::routes(backend).isEmpty());
+        QVERIFY(MacVpnBackendAccess::routes(backend).isEmpty());
     }
 
     void routesExclusionsThroughGateway()
@@ -150,12 +150,12 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend,
+        MacVpnBackendAccess::setSplitTunnel(backend,
                                                split(2, {"203.0.113.0/24", "2001:db8::/32"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
         QCOMPARE(host.calls("route").last(),
                  (QStringList{"-n", "add", "-net", "203.0.113.0/24", "192.168.1.1"}));
-        QCOMPARE(MacVpnBackendInspector::routes(backend),
+        QCOMPARE(MacVpnBackendAccess::routes(backend),
                  (FullTunnel + Routes{{"inet", "203.0.113.0/24", "-net"}}));
         QVERIFY(
             log.contains("splitEnabled= true splitMode= 2 splitRoutes= QList(\"203.0.113.0/24\")"));
@@ -178,7 +178,7 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend, split(2, {"203.0.113.0/24"}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(2, {"203.0.113.0/24"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
         QCOMPARE(host.calls("route"),
                  (Calls{GetDefault, tunnelRoute("0.0.0.0/1"), tunnelRoute("128.0.0.0/1"),
@@ -192,11 +192,11 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
-        MacVpnBackendInspector::setSplitTunnel(backend, split(5, {"resolve.me"}));
+        MacVpnBackendAccess::setSplitTunnel(backend, split(5, {"resolve.me"}));
         QVERIFY(backend.configureRoutes(clientConfig()));
         QVERIFY(log.contains("splitEnabled= false splitMode= 5"));
         QCOMPARE(host.lookups(), QStringList{"tarvex.com"}); // the bypass only
-        QCOMPARE(MacVpnBackendInspector::routes(backend), FullTunnel);
+        QCOMPARE(MacVpnBackendAccess::routes(backend), FullTunnel);
     }
 
     void reportsFatalFailures_data()
@@ -232,11 +232,11 @@ private Q_SLOTS:
         MacVpnBackend backend(host.environment());
         prepare(host, backend);
         if (mode != 0)
-            MacVpnBackendInspector::setSplitTunnel(backend, split(mode, {"10.1.2.3"}));
+            MacVpnBackendAccess::setSplitTunnel(backend, split(mode, {"10.1.2.3"}));
         QVERIFY(!backend.configureRoutes(clientConfig()));
         QCOMPARE(backend.lastError(), message);
         QCOMPARE(backend.status(), PlatformVpnBackend::Error);
-        QCOMPARE(MacVpnBackendInspector::routes(backend).size(), recorded);
+        QCOMPARE(MacVpnBackendAccess::routes(backend).size(), recorded);
         // Nothing is attempted after the failing route.
         QVERIFY(host.calls("route").last().join(' ').startsWith(fault.mid(6)));
     }
@@ -250,14 +250,14 @@ private Q_SLOTS:
 
         // After a connect that failed at the server route: only that deletion runs, and fails
         // harmlessly.
-        MacVpnBackendInspector::setServerHost(backend, "203.0.113.5");
+        MacVpnBackendAccess::setServerHost(backend, "203.0.113.5");
         backend.removeRoutes();
         QCOMPARE(host.calls("route"), (Calls{{"-n", "delete", "-host", "203.0.113.5"}}));
 
         // An entry without a type is deleted as a net route.
         host.clearCalls();
-        MacVpnBackendInspector::setServerHost(backend, QString());
-        MacVpnBackendInspector::setRoutes(backend, {{"inet", "10.9.0.0/16", ""}});
+        MacVpnBackendAccess::setServerHost(backend, QString());
+        MacVpnBackendAccess::setRoutes(backend, {{"inet", "10.9.0.0/16", ""}});
         backend.removeRoutes();
         QCOMPARE(host.calls("route"), (Calls{{"-n", "delete", "-net", "10.9.0.0/16"}}));
     }

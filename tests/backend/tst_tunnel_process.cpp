@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
 
@@ -59,14 +59,14 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.startTunnelProcess());
-        QCOMPARE(MacVpnBackendInspector::tunnelInterface(backend), QStringLiteral("utun2"));
+        QCOMPARE(MacVpnBackendAccess::tunnelInterface(backend), QStringLiteral("utun2"));
         QVERIFY(log.contains(
             QStringLiteral("[MacVpnBackend] start process \"%1/amneziawg-go\" QList(\"-f\", "
                            "\"utun\") WG_TUN_NAME_FILE= \"%2/amn0.name\"")
                 .arg(host.appDir(), host.runtimeDir())));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] tunnel interface \"utun2\"")));
         backend.stopTunnelProcess();
-        QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
+        QCOMPARE(MacVpnBackendAccess::tunnelProcess(backend).state(), QProcess::NotRunning);
     }
 
     void waitsForSocketAfterName()
@@ -77,7 +77,7 @@ private Q_SLOTS:
         LogCapture log;
         MacVpnBackend backend(host.environment());
         QVERIFY(backend.startTunnelProcess());
-        QCOMPARE(MacVpnBackendInspector::tunnelInterface(backend), QStringLiteral("utun2"));
+        QCOMPARE(MacVpnBackendAccess::tunnelInterface(backend), QStringLiteral("utun2"));
         QVERIFY(log.contains(QStringLiteral("[MacVpnBackend] test uapi socket failed")));
     }
 
@@ -117,7 +117,7 @@ private Q_SLOTS:
         QVERIFY(log.contains(QStringLiteral(
             "[MacVpnBackend] waitForTunnelName timeout processState= QProcess::Running")));
         // Left running for the caller's clean-up to stop.
-        QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::Running);
+        QCOMPARE(MacVpnBackendAccess::tunnelProcess(backend).state(), QProcess::Running);
         backend.cleanup();
     }
 
@@ -166,7 +166,7 @@ private Q_SLOTS:
         clock.start();
         backend.stopTunnelProcess();
         QVERIFY(clock.elapsed() >= 4900);
-        QCOMPARE(MacVpnBackendInspector::tunnelProcess(backend).state(), QProcess::NotRunning);
+        QCOMPARE(MacVpnBackendAccess::tunnelProcess(backend).state(), QProcess::NotRunning);
 
         clock.restart();
         backend.stopTunnelProcess(); // nothing runs: returns at once

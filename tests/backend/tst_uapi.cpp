@@ -1,4 +1,4 @@
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
 
@@ -64,8 +64,8 @@ private:
     // A backend whose tunnel is "utun7" in the FakeHost's runtime directory.
     static void point(MacVpnBackend &backend, const FakeHost &host)
     {
-        MacVpnBackendInspector::setRuntimeDir(backend, host.runtimeDir());
-        MacVpnBackendInspector::setTunnelInterface(backend, QStringLiteral("utun7"));
+        MacVpnBackendAccess::setRuntimeDir(backend, host.runtimeDir());
+        MacVpnBackendAccess::setTunnelInterface(backend, QStringLiteral("utun7"));
     }
     static QString socketPath(const FakeHost &host)
     {

@@ -1,6 +1,6 @@
 // Our configuration-socket client and set transaction against a real peer:
 // Debian's wireguard-go, run as root in the sandbox's own network namespace.
-#include "BackendInspector.h"
+#include "BackendAccess.h"
 #include "ClientConfig.h"
 #include "SystemHost.h"
 
@@ -65,8 +65,8 @@ private Q_SLOTS:
     void acceptsPlainWireGuardConfiguration()
     {
         MacVpnBackend backend(environment);
-        MacVpnBackendInspector::setRuntimeDir(backend, SocketDir);
-        MacVpnBackendInspector::setTunnelInterface(backend, InterfaceName);
+        MacVpnBackendAccess::setRuntimeDir(backend, SocketDir);
+        MacVpnBackendAccess::setTunnelInterface(backend, InterfaceName);
         const ParsedVpnConfig config = clientConfig({
             {"Jc", QJsonValue::Null},
             {"Jmin", QJsonValue::Null},
@@ -92,8 +92,8 @@ private Q_SLOTS:
     void refusesAmneziaKeys()
     {
         MacVpnBackend backend(environment);
-        MacVpnBackendInspector::setRuntimeDir(backend, SocketDir);
-        MacVpnBackendInspector::setTunnelInterface(backend, InterfaceName);
+        MacVpnBackendAccess::setRuntimeDir(backend, SocketDir);
+        MacVpnBackendAccess::setTunnelInterface(backend, InterfaceName);
         const QString reply = backend.uapiCommand(backend.uapiSetConfig(clientConfig()));
         QVERIFY(!reply.isEmpty());
         QVERIFY(backend.uapiErrno(reply) != 0);

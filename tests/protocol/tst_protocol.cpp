@@ -51,12 +51,6 @@ private Q_SLOTS:
         QCOMPARE(encoded.count('\n'), 1);
     }
 
-    void socketPathIsFixed()
-    {
-        QCOMPARE(VpnServiceProtocol::socketPath(),
-                 QStringLiteral("/private/tmp/corvel-client-service.sock"));
-    }
-
     void readsReplyArrivingInChunks()
     {
         QJsonObject message;

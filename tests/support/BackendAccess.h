@@ -4,7 +4,7 @@
 
 // Read and set the backend's bookkeeping from tests, where an operation is
 // checked on its own rather than through a whole connect.
-struct MacVpnBackendInspector
+struct MacVpnBackendAccess
 {
     static QString tunnelInterface(const MacVpnBackend &b) { return b.tunnelInterface; }
     static void setTunnelInterface(MacVpnBackend &b, const QString &name)
