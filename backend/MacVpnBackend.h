@@ -52,7 +52,6 @@ public:
     void connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer) override;
     void disconnectVpn() override;
     void cleanup();
-    bool isConnectRunning() const { return connectRunning; }
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
@@ -96,9 +95,7 @@ public:
     QString routeType(const QString &route) const;
 
 private:
-    friend struct MacVpnBackendAccess;
-
-    bool connectWasCancelled() const { return connectCancelled; }
+    friend struct MacVpnBackendAccess; // tests read the bookkeeping
 
     int currentStatus = Disconnected;
     QString lastErrorMessage;
