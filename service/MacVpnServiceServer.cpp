@@ -54,6 +54,7 @@ bool MacVpnServiceServer::start()
         return false;
     }
 
+    localServer.rememberSocketFile(path);
     // The client application runs unprivileged; the file mode is what lets it in.
     QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
                                     QFileDevice::ReadGroup | QFileDevice::WriteGroup |

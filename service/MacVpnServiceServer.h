@@ -1,9 +1,9 @@
 #pragma once
 
 #include "backend/MacVpnBackend.h"
+#include "service/ServiceListener.h"
 
 #include <QJsonObject>
-#include <QLocalServer>
 #include <QObject>
 #include <QString>
 
@@ -32,7 +32,7 @@ private:
     void writeResponse(QLocalSocket *socket, const QJsonObject &response);
 
     const QString path;
-    QLocalServer localServer;
+    ServiceListener localServer;
     MacVpnBackend backend;
     QJsonObject lastPeer;
 };

@@ -83,6 +83,20 @@ private Q_SLOTS:
         QVERIFY(second.daemonLog().count(QStringLiteral("client connected")) >= 1);
     }
 
+    void stoppingTheOlderInstanceLeavesTheNewerReachable()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost first;
+        QVERIFY(first.startDaemon());
+        SystemHost second;
+        QVERIFY(second.startDaemon());
+        QCOMPARE(first.stopDaemon(), 0);
+        QVERIFY(QFileInfo::exists(VpnServiceProtocol::socketPath()));
+        QCOMPARE(second.request({{"command", "status"}}).value("ok").toBool(), true);
+        QCOMPARE(second.stopDaemon(), 0);
+        QVERIFY(!QFileInfo::exists(VpnServiceProtocol::socketPath()));
+    }
+
     void exitsWithOneWhenItCannotListen()
     {
         REQUIRE_SANDBOX();
