@@ -2,6 +2,7 @@
 #include "LogCapture.h"
 #include "ServerThread.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -178,6 +179,18 @@ private Q_SLOTS:
                      .value(QStringLiteral("ok"))
                      .toBool(),
                  true);
+    }
+
+    void triesStaleRecoveryBeforeGivingUp()
+    {
+        FakeHost host;
+        QVERIFY(QDir().mkpath(socketPath(host))); // in use, and no server behind it
+        LogCapture log;
+        ServerThread server(socketPath(host), host.environment());
+        QVERIFY(!server.startServing());
+        QVERIFY(log.contains(
+            QString("[MacVpnServiceServer] stale socket detected \"%1\"").arg(socketPath(host))));
+        QVERIFY(log.contains("[MacVpnServiceServer] listen failed"));
     }
 
     void listenFailureStopsStart()
