@@ -6,7 +6,7 @@
 #   veth-c 192.168.77.2/24  <-------->   veth-s 192.168.77.1/24 (the gateway)
 #   default via 192.168.77.1             lo: 198.18.0.1 (WireGuard endpoint)
 #                                            198.18.0.53 (tarvex.com)
-#   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24, wireguard-go
+#   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24 (kernel or wireguard-go)
 #
 # The endpoint is not on the shared link: the client reaches it through the
 # gateway, so without the daemon's endpoint route a full tunnel would loop.
@@ -40,8 +40,15 @@ realnet_server() {
   wg pubkey < /tmp/client.key > /tmp/client.pub
   wg genpsk > /tmp/psk
   umask 022
-  in_server env WG_PROCESS_FOREGROUND=1 wireguard-go wg-srv > /tmp/server-wg.log 2>&1 &
-  for _ in $(seq 100); do [ -S /var/run/wireguard/wg-srv.sock ] && break; sleep 0.05; done
+  # The kernel's WireGuard when this kernel has it, else wireguard-go; wg
+  # configures either the same way.
+  if in_server ip link add wg-srv type wireguard 2> /dev/null; then
+    SERVER_KIND="kernel WireGuard"
+  else
+    SERVER_KIND=wireguard-go
+    in_server env WG_PROCESS_FOREGROUND=1 wireguard-go wg-srv > /tmp/server-wg.log 2>&1 &
+    for _ in $(seq 100); do [ -S /var/run/wireguard/wg-srv.sock ] && break; sleep 0.05; done
+  fi
   in_server wg set wg-srv private-key /tmp/server.key listen-port 51820 \
     peer "$(cat /tmp/client.pub)" preshared-key /tmp/psk allowed-ips 10.77.0.2/32
   in_server ip addr add "$SERVER_TUNNEL_IP/24" dev wg-srv
