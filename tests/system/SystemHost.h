@@ -37,6 +37,12 @@ public:
 
     // Starts the daemon and waits until its socket answers.
     bool startDaemon(const QStringList &environment = QStringList());
+    // The usual start: the tunnel stand-in beside the daemon, then the daemon.
+    bool startWithTunnel(const QStringList &environment = QStringList())
+    {
+        installTunnel();
+        return startDaemon(environment);
+    }
     // Sends SIGTERM and waits; returns the exit code.
     int stopDaemon(int signalNumber = 15);
     QProcess &daemon() { return process; }

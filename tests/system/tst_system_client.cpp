@@ -28,8 +28,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
 
         const CtlRun connect = runTarvexctl({"connect", connectionString});
@@ -58,8 +57,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         QCOMPARE(runTarvexctl({"connect", connectionString, "--only", "10.1.2.3", "192.0.2.0/24"})
                      .exitCode,
                  0);

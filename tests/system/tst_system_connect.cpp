@@ -37,6 +37,13 @@ QJsonObject connectRequest(const ParsedVpnConfig &config, const QJsonObject &pee
             {"peer", peer}};
 }
 
+// Sends a connect for the configuration, with a peer carrying its string.
+QJsonObject connectWith(const SystemHost &host, const ParsedVpnConfig &config, int splitMode = 0,
+                        const QStringList &destinations = {})
+{
+    return host.request(connectRequest(config, peerFor(config, splitMode, destinations)));
+}
+
 const QJsonObject StatusRequest{{"command", "status"}};
 const QJsonObject DisconnectRequest{{"command", "disconnect"}};
 
@@ -75,8 +82,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
         const QJsonObject peer = peerFor(config);
@@ -143,12 +149,10 @@ private Q_SLOTS:
         QFETCH(QStringList, notRouted);
         QFETCH(bool, dnsChanged);
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply =
-            host.request(connectRequest(config, peerFor(config, mode, destinations)));
+        const QJsonObject reply = connectWith(host, config, mode, destinations);
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         const QJsonObject state = host.state();
         for (const QString &route : routed)
@@ -231,8 +235,7 @@ private Q_SLOTS:
         host.setToolFaults(toolFaults);
 
         const ParsedVpnConfig config = clientConfig();
-        const QJsonObject reply =
-            host.request(connectRequest(config, peerFor(config, splitMode, {"10.1.2.3"})));
+        const QJsonObject reply = connectWith(host, config, splitMode, {"10.1.2.3"});
         QCOMPARE(reply, (QJsonObject{{"error", error}, {"ok", false}, {"status", "error"}}));
         QVERIFY(!host.tunnelRunning());
         QCOMPARE(host.stateBytes(), before);
@@ -250,13 +253,11 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         host.setToolFaults({"fail:networksetup"});
         const ParsedVpnConfig config = clientConfig();
-        QCOMPARE(host.request(connectRequest(config, peerFor(config))).value("status").toString(),
-                 QStringLiteral("connected"));
+        QCOMPARE(connectWith(host, config).value("status").toString(), QStringLiteral("connected"));
         host.setToolFaults({});
         host.request(DisconnectRequest);
         QCOMPARE(host.stateBytes(), before);
@@ -266,13 +267,12 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
-        QCOMPARE(host.request(connectRequest(config, peerFor(config))).value("ok").toBool(), true);
+        QCOMPARE(connectWith(host, config).value("ok").toBool(), true);
         const ParsedVpnConfig second = clientConfig({{"client_ip", "10.8.1.9/32"}});
-        const QJsonObject reply = host.request(connectRequest(second, peerFor(second)));
+        const QJsonObject reply = connectWith(host, second);
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         const QJsonObject interfaces = host.state().value("interfaces").toObject();
         QCOMPARE(interfaces.value("utun2").toObject().value("inet").toString(),
@@ -287,10 +287,9 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const ParsedVpnConfig config = clientConfig();
-        host.request(connectRequest(config, peerFor(config)));
+        connectWith(host, config);
         host.request(DisconnectRequest);
         const int cleanups = host.daemonLog().count("[MacVpnBackend] cleanup");
         QCOMPARE(host.request(DisconnectRequest),
@@ -302,8 +301,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon({"AWG_STANDIN_FAULTS=noname"}));
+        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=noname"}));
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
         const QJsonObject request = connectRequest(config, peerFor(config));
@@ -331,8 +329,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         ParsedVpnConfig config = clientConfig();
         config.rawConfig = awgDocument(config.lastConfig);
         config.lastConfigRaw =
@@ -356,11 +353,10 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        host.installTunnel();
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         const ParsedVpnConfig config = clientConfig();
-        QCOMPARE(host.request(connectRequest(config, peerFor(config))).value("ok").toBool(), true);
+        QCOMPARE(connectWith(host, config).value("ok").toBool(), true);
         QCOMPARE(host.stopDaemon(SIGTERM), 0);
         QCOMPARE(host.stateBytes(), before);
         QCOMPARE(host.hostsFile(), OriginalHosts + "\n");
