@@ -13,6 +13,9 @@ constexpr auto DefaultIpv6Address = QLatin1String("fd58:baa6:dead::1");
 constexpr auto HostsFilePath = QLatin1String("/etc/hosts");
 constexpr auto HostsBeginMarker = QLatin1String("# BEGIN TARVEX_VPN_CLIENT");
 constexpr auto HostsEndMarker = QLatin1String("# END TARVEX_VPN_CLIENT");
+// Root's own, and kept across a reboot: DNS settings and /etc/hosts survive
+// one, so what the service did to them must too.
+constexpr auto JournalDir = QLatin1String("/Library/Application Support/Tarvex/VpnService/Journal");
 
 // The organisation's own domain: the service announces it at start-up and the
 // control-plane bypass falls back to it.

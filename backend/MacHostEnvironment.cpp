@@ -5,7 +5,7 @@
 MacHostEnvironment::MacHostEnvironment()
     : ifconfigTool(IfconfigTool), routeTool(RouteTool), networksetupTool(NetworksetupTool),
       dscacheutilTool(DscacheutilTool), killallTool(KillallTool), runtimeDir(RuntimeDir),
-      hostsFile(HostsFilePath),
+      hostsFile(HostsFilePath), journalDir(JournalDir),
       lookupHost([](const QString &name) { return QHostInfo::fromName(name); })
 {
 }

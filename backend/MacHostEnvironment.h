@@ -20,6 +20,7 @@ struct MacHostEnvironment
 
     QString runtimeDir;
     QString hostsFile;
+    QString journalDir;
 
     // Where the tunnel program is looked for. Empty means the running
     // executable's directory and the process's working directory, asked for at

@@ -2,6 +2,7 @@
 
 #include "backend/MacHostEnvironment.h"
 #include "backend/PlatformVpnBackend.h"
+#include "backend/core/HostJournal.h"
 
 #include <QList>
 #include <QMap>
@@ -13,7 +14,8 @@
 
 // The macOS backend. One instance lives inside the service for the whole
 // process; every host change it makes is undone by cleanup(), which also runs
-// when the object is destroyed.
+// when the object is destroyed. Each change is written to a journal on disk
+// before it is made, so that a start after a crash can undo it as well.
 //
 // Its members are spread over backend/core (state, command runner, sequence),
 // backend/tunnel (tunnel program, configuration socket, set transaction) and
@@ -35,6 +37,7 @@ public:
         QString family;
         QString destination;
         QString type;
+        QString via; // the gateway or the interface it points at
     };
 
     explicit MacVpnBackend(QObject *parent = nullptr);
@@ -52,6 +55,13 @@ public:
     void connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer) override;
     void disconnectVpn() override;
     void cleanup();
+    // True from the start of a connect until it has returned, also when a
+    // disconnect has cancelled it and it is still unwinding.
+    bool connectInProgress() const;
+
+    // Takes the host journal over from any earlier run and undoes what it
+    // records, newest first. False when another instance keeps the journal.
+    bool recoverHostChanges();
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
@@ -97,6 +107,31 @@ public:
 private:
     friend struct MacVpnBackendAccess; // tests read the bookkeeping
 
+    // A route to add, how to add it, and the message when that fails (none
+    // when a failure does not stop the connect).
+    struct PlannedRoute
+    {
+        RouteEntry entry;
+        QStringList arguments;
+        const char *failureMessage;
+    };
+    bool addRoutes(const QList<PlannedRoute> &planned);
+
+    // The journal of host changes (backend/core/JournalState.cpp).
+    QJsonObject journalState() const;
+    void adoptJournalState(const QJsonObject &state);
+    // Writes the bookkeeping to the journal; recordHostChange also fails the
+    // connect with a message when it cannot, so that no change goes unrecorded.
+    bool saveJournal(QString *error = nullptr);
+    bool recordHostChange();
+    bool routeStillInstalled(const RouteEntry &route) const;
+    void deleteRoute(const RouteEntry &route);
+    void stopRecordedTunnel();
+
+    void watchTunnelProcess();
+    void drainTunnelOutput();
+    void handleTunnelExit();
+
     int currentStatus = Disconnected;
     QString lastErrorMessage;
     QString runtimeDir;
@@ -110,6 +145,18 @@ private:
     QString tunnelOutput;
 
     const MacHostEnvironment host;
+
+    // Bookkeeping the journal needs beyond the members above: the gateway the
+    // server, bypass and exclusion routes point at, whether the server route
+    // and the hosts block are ours, and who the tunnel program is.
+    QString physicalGateway;
+    bool serverRouteInstalled = false;
+    bool hostsPinned = false;
+    qint64 tunnelPid = 0;
+    QString tunnelIdentity;
+    HostJournal journal;
+    bool stoppingTunnel = false;
+    qint64 tunnelOutputLogged = 0;
 
     // A connect re-enters the event loop while it waits for the interface
     // name; these let a disconnect arriving then cancel it cleanly.

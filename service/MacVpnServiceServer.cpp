@@ -3,10 +3,12 @@
 #include "backend/core/LogMasking.h"
 #include "protocol/VpnServiceProtocol.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonParseError>
+#include <QLocalServer>
 #include <QLocalSocket>
 #include <QPointer>
 
@@ -19,6 +21,7 @@ constexpr int ReplyWriteTimeoutMs = 3000;
 // Any local user may write to the socket; nobody may make a root process
 // buffer without bound.
 constexpr qsizetype MaxRequestBytes = 1024 * 1024;
+constexpr int ExitSocketLost = 1;
 
 } // namespace
 
@@ -31,15 +34,27 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
                                          QObject *parent)
     : QObject(parent), path(std::move(socketPath)), backend(std::move(environment))
 {
-    connect(&localServer, &QLocalServer::newConnection, this,
+    connect(&localServer, &ServiceListener::newConnection, this,
             &MacVpnServiceServer::handleNewConnection);
+    // Unreachable, the service would go on holding the host for nobody:
+    // better to end in order and let launchd start it afresh.
+    connect(&localServer, &ServiceListener::lost, this, [](const QString &reason) {
+        qWarning() << "[MacVpnServiceServer] socket lost" << reason;
+        QCoreApplication::exit(ExitSocketLost);
+    });
 }
 
 bool MacVpnServiceServer::start()
 {
     QLocalServer::removeServer(path);
+    // Whatever an earlier run left on the host is undone before any client
+    // can ask for something new.
+    if (!backend.recoverHostChanges()) {
+        qWarning() << "[MacVpnServiceServer] listen failed" << path << "host journal unavailable";
+        return false;
+    }
     bool listening = localServer.listen(path);
-    if (!listening && localServer.serverError() == QAbstractSocket::AddressInUseError) {
+    if (!listening && localServer.isAddressInUse()) {
         QLocalSocket probe;
         probe.connectToServer(path, QIODevice::ReadWrite);
         if (!probe.waitForConnected(StaleProbeTimeoutMs)) {
@@ -54,7 +69,6 @@ bool MacVpnServiceServer::start()
         return false;
     }
 
-    localServer.rememberSocketFile(path);
     // The client application runs unprivileged; the file mode is what lets it in.
     QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
                                     QFileDevice::ReadGroup | QFileDevice::WriteGroup |
@@ -133,8 +147,9 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request)
     }
 
     if (command == QLatin1String("connect")) {
-        // Only reachable while a connect waits for its tunnel interface.
-        if (backend.status() == PlatformVpnBackend::Connecting)
+        // Only reachable while a connect waits, or unwinds after a disconnect
+        // cancelled it; a second one must not run inside it.
+        if (backend.connectInProgress())
             return statusResponse(false, QStringLiteral("connect already in progress"));
 
         const ParsedVpnConfig config = VpnServiceProtocol::parsedConfigFromJson(

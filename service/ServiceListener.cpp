@@ -1,35 +1,163 @@
 #include "service/ServiceListener.h"
 
 #include <QFile>
+#include <QFileInfo>
+#include <QLocalSocket>
 
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
-void ServiceListener::rememberSocketFile(const QString &path)
+namespace {
+
+// Room for a burst of clients arriving together; the kernel caps it at its
+// own limit (kern.ipc.somaxconn on macOS).
+constexpr int ListenBacklog = 512;
+// While no descriptor can be had, accepting is retried at this pace.
+constexpr int ExhaustedRetryMs = 100;
+
+QString systemError()
 {
-    struct stat info = {};
-    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
-        return;
-    socketFile = path;
-    device = info.st_dev;
-    inode = info.st_ino;
+    return QString::fromLocal8Bit(std::strerror(errno));
+}
+
+} // namespace
+
+ServiceListener::ServiceListener(QObject *parent) : QObject(parent)
+{
+    retry.setSingleShot(true);
+    connect(&retry, &QTimer::timeout, this, [this] {
+        if (notifier)
+            notifier->setEnabled(true);
+        acceptPending();
+    });
+    connect(&watcher, &QFileSystemWatcher::directoryChanged, this,
+            &ServiceListener::checkSocketFile);
 }
 
 ServiceListener::~ServiceListener()
 {
-    const QByteArray file = QFile::encodeName(socketFile);
-    struct stat now = {};
-    const bool foreign = !socketFile.isEmpty() && ::lstat(file.constData(), &now) == 0 &&
-                         (now.st_ino != inode || now.st_dev != device);
-    if (!foreign) {
+    close();
+}
+
+bool ServiceListener::listen(const QString &socketPath)
+{
+    close();
+    addressInUse = false;
+    const QByteArray encoded = QFile::encodeName(socketPath);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (size_t(encoded.size()) >= sizeof address.sun_path) {
+        error = QStringLiteral("socket path too long");
+        return false;
+    }
+    std::memcpy(address.sun_path, encoded.constData(), size_t(encoded.size()));
+
+    fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) {
+        error = systemError();
+        return false;
+    }
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    struct stat info = {};
+    if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        ::listen(fd, ListenBacklog) != 0 || ::lstat(encoded.constData(), &info) != 0) {
+        addressInUse = errno == EADDRINUSE;
+        error = systemError();
+        ::close(fd);
+        fd = -1;
+        return false;
+    }
+    path = socketPath;
+    device = info.st_dev;
+    inode = info.st_ino;
+    notifier = std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &ServiceListener::acceptPending);
+    watcher.addPath(QFileInfo(socketPath).absolutePath());
+    return true;
+}
+
+void ServiceListener::close()
+{
+    retry.stop();
+    notifier.reset();
+    if (!watcher.directories().isEmpty())
+        watcher.removePaths(watcher.directories());
+    qDeleteAll(pending);
+    pending.clear();
+    if (fd < 0)
+        return;
+    ::close(fd);
+    fd = -1;
+    // A newer instance may have taken the path over: its file must stay.
+    struct stat info = {};
+    const QByteArray encoded = QFile::encodeName(path);
+    if (::lstat(encoded.constData(), &info) == 0 && info.st_dev == device && info.st_ino == inode)
+        ::unlink(encoded.constData());
+}
+
+QLocalSocket *ServiceListener::nextPendingConnection()
+{
+    return pending.isEmpty() ? nullptr : pending.takeFirst();
+}
+
+void ServiceListener::acceptPending()
+{
+    bool accepted = false;
+    bool retried = false;
+    while (fd >= 0) {
+        const int client = ::accept(fd, nullptr, nullptr);
+        if (client >= 0) {
+            ::fcntl(client, F_SETFD, FD_CLOEXEC);
+            auto *socket = new QLocalSocket(this);
+            socket->setSocketDescriptor(client);
+            pending.append(socket);
+            accepted = true;
+            continue;
+        }
+        if (errno == EINTR || errno == ECONNABORTED)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            break;
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            // The connection waits in the queue. Once, ask for a descriptor to
+            // be freed; failing that, try again shortly rather than spin.
+            if (!retried) {
+                retried = true;
+                Q_EMIT descriptorsExhausted();
+                continue;
+            }
+            if (notifier)
+                notifier->setEnabled(false);
+            retry.start(ExhaustedRetryMs);
+            break;
+        }
+        const QString reason = QStringLiteral("accept failed: %1").arg(systemError());
         close();
+        Q_EMIT lost(reason);
         return;
     }
-    // Keep the newer instance's file out of Qt's reach while we close.
-    const QByteArray aside = file + ".closing-" + QByteArray::number(::getpid());
-    const bool moved = std::rename(file.constData(), aside.constData()) == 0;
-    close();
-    if (moved)
-        std::rename(aside.constData(), file.constData());
+    if (accepted)
+        Q_EMIT newConnection();
+}
+
+void ServiceListener::checkSocketFile()
+{
+    if (fd < 0)
+        return;
+    struct stat info = {};
+    QString reason;
+    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
+        reason = QStringLiteral("socket file removed");
+    else if (info.st_dev != device || info.st_ino != inode)
+        reason = QStringLiteral("socket file replaced");
+    if (reason.isEmpty())
+        return;
+    watcher.removePaths(watcher.directories());
+    Q_EMIT lost(reason);
 }

@@ -1,24 +1,55 @@
 #pragma once
 
-#include <QLocalServer>
+#include <QFileSystemWatcher>
+#include <QList>
+#include <QObject>
+#include <QSocketNotifier>
 #include <QString>
+#include <QTimer>
 
+#include <memory>
 #include <sys/types.h>
 
-// The service's listening socket. Qt deletes the socket file when the server
-// closes; but a second instance may have taken the path over since, and then
-// the file is that instance's and must outlive this one.
-class ServiceListener : public QLocalServer
+class QLocalSocket;
+
+// The service's listening socket. Unlike QLocalServer it keeps listening
+// when accepting fails, deletes the socket file on close only while that file
+// is still its own, and says so when the file is taken from it.
+class ServiceListener : public QObject
 {
+    Q_OBJECT
+
 public:
-    using QLocalServer::QLocalServer;
+    explicit ServiceListener(QObject *parent = nullptr);
     ~ServiceListener() override;
 
-    // Notes which file is ours, once listening.
-    void rememberSocketFile(const QString &path);
+    bool listen(const QString &path);
+    bool isAddressInUse() const { return addressInUse; }
+    QString errorString() const { return error; }
+    QLocalSocket *nextPendingConnection();
+
+Q_SIGNALS:
+    void newConnection();
+    // Descriptors ran out while connections wait: a slot that frees one lets
+    // the next attempt succeed.
+    void descriptorsExhausted();
+    // The socket file was removed or replaced, or the socket failed: nobody
+    // can reach this instance any more.
+    void lost(const QString &reason);
 
 private:
-    QString socketFile;
+    void acceptPending();
+    void checkSocketFile();
+    void close();
+
+    QString path;
+    int fd = -1;
     dev_t device = 0;
     ino_t inode = 0;
+    bool addressInUse = false;
+    QString error;
+    std::unique_ptr<QSocketNotifier> notifier;
+    QFileSystemWatcher watcher;
+    QTimer retry;
+    QList<QLocalSocket *> pending;
 };

@@ -5,8 +5,9 @@
 MacVpnBackend::MacVpnBackend(QObject *parent) : MacVpnBackend(MacHostEnvironment(), parent) {}
 
 MacVpnBackend::MacVpnBackend(MacHostEnvironment environment, QObject *parent)
-    : PlatformVpnBackend(parent), host(std::move(environment))
+    : PlatformVpnBackend(parent), host(std::move(environment)), journal(host.journalDir)
 {
+    watchTunnelProcess();
 }
 
 MacVpnBackend::~MacVpnBackend()

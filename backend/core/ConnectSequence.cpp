@@ -18,11 +18,16 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     splitTunnel = splitTunnelFromPeer(peer);
     setError(QString());
     setStatus(Connecting);
-    cleanup();
-
     connectRunning = true;
     connectCancelled = false;
     const auto finished = qScopeGuard([this] { connectRunning = false; });
+    cleanup();
+
+    // Nothing is changed that could not be recorded first.
+    if (!recordHostChange()) {
+        qWarning() << "[MacVpnBackend] host journal unusable" << lastError();
+        return;
+    }
 
     const QString binary = findTunnelBinary();
     if (binary.isEmpty()) {
@@ -80,6 +85,11 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     Q_EMIT connected();
 }
 
+bool MacVpnBackend::connectInProgress() const
+{
+    return connectRunning;
+}
+
 void MacVpnBackend::disconnectVpn()
 {
     qInfo() << "[MacVpnBackend] disconnectVpn"
@@ -104,4 +114,6 @@ void MacVpnBackend::cleanup()
     flushDnsCache();
     tunnelInterface.clear();
     serverHost.clear();
+    physicalGateway.clear();
+    saveJournal();
 }

@@ -22,8 +22,26 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
         return;
     }
 
-    QStringList pinned;
+    QStringList candidates;
     const QList<QHostAddress> addresses = info.addresses();
+    for (const QHostAddress &address : addresses) {
+        if (address.protocol() == QAbstractSocket::IPv4Protocol &&
+            !candidates.contains(address.toString()))
+            candidates.append(address.toString());
+    }
+    if (candidates.isEmpty())
+        return;
+    // Recorded, with the hosts block, before the first route is added.
+    controlPlaneBypassHosts = candidates;
+    hostsPinned = true;
+    if (!saveJournal()) {
+        qWarning() << "[MacVpnBackend] control-plane bypass skipped: journal not written";
+        controlPlaneBypassHosts.clear();
+        hostsPinned = false;
+        return;
+    }
+
+    QStringList pinned;
     for (const QHostAddress &address : addresses) {
         if (address.protocol() != QAbstractSocket::IPv4Protocol)
             continue;
@@ -39,10 +57,12 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
             continue;
         }
         pinned.append(text);
-        controlPlaneBypassHosts.append(text);
         qInfo() << "[MacVpnBackend] control-plane bypass" << hostName << "->" << text << "via"
                 << gateway;
     }
+    controlPlaneBypassHosts = pinned;
+    hostsPinned = !pinned.isEmpty();
+    saveJournal();
     if (!pinned.isEmpty())
         pinControlPlaneHosts(pinned);
 }
@@ -50,6 +70,7 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
 void MacVpnBackend::removeControlPlaneBypass()
 {
     unpinControlPlaneHosts();
+    hostsPinned = false;
     for (const QString &address : std::as_const(controlPlaneBypassHosts))
         runCommand(
             host.routeTool,

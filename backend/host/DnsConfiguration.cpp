@@ -52,7 +52,13 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
         if (saved.size() == 1 &&
             saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
             saved.clear();
+        // Recorded before the change, so that a crash cannot lose them.
         savedDnsServers.insert(service, saved);
+        if (!saveJournal()) {
+            qWarning() << "[MacVpnBackend] DNS servers left alone: journal not written" << service;
+            savedDnsServers.remove(service);
+            continue;
+        }
 
         runCommand(host.networksetupTool, QStringList{SetServers, service} + servers, nullptr,
                    nullptr, CommandTimeoutMs);

@@ -1,30 +1,69 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/core/AtomicFile.h"
 
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
+#include <QHostAddress>
 
 namespace {
 
-// Finds the first begin marker and, after it, the first end marker; returns
-// the length of the block from the begin marker through the end marker, or
-// -1 when the file holds no complete block.
-qsizetype findBlock(const QString &text, qsizetype *begin)
+const QByteArray BeginLine = QByteArray(HostsBeginMarker.data(), HostsBeginMarker.size());
+const QByteArray EndLine = QByteArray(HostsEndMarker.data(), HostsEndMarker.size());
+
+// One of our entries: an address, a tab, and a host name.
+bool isEntry(const QByteArray &line)
 {
-    *begin = text.indexOf(HostsBeginMarker);
-    const qsizetype end = text.indexOf(HostsEndMarker);
-    if (*begin < 0 || end <= *begin)
-        return -1;
-    return end + HostsEndMarker.size() - *begin;
+    const qsizetype tab = line.indexOf('\t');
+    const QByteArray name = line.mid(tab + 1);
+    return tab > 0 && !name.isEmpty() && name.indexOf('\t') < 0 && name.indexOf(' ') < 0 &&
+           !QHostAddress(QString::fromLatin1(line.left(tab))).isNull();
 }
 
-bool readText(QFile &file, QString *text)
+// The first complete block of ours: a begin line, entry lines and an end
+// line, each a whole line. Returns its start and the offset just after the
+// end marker (its line feed not included), or begin -1 when there is none.
+// Someone else's stray marker, and whatever surrounds it, is not a block.
+qsizetype findBlock(const QByteArray &text, qsizetype *end)
 {
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+    const auto lineAt = [&text](qsizetype at, qsizetype *next) {
+        qsizetype feed = text.indexOf('\n', at);
+        if (feed < 0)
+            feed = text.size();
+        *next = feed + 1;
+        return text.mid(at, feed - at);
+    };
+    for (qsizetype at = 0; at < text.size();) {
+        qsizetype next = 0;
+        if (lineAt(at, &next) == BeginLine) {
+            qsizetype line = next;
+            while (line < text.size()) {
+                qsizetype after = 0;
+                const QByteArray content = lineAt(line, &after);
+                if (content == EndLine) {
+                    *end = line + content.size();
+                    return at;
+                }
+                if (!isEntry(content))
+                    break;
+                line = after;
+            }
+        }
+        at = next;
+    }
+    return -1;
+}
+
+bool readBytes(const QString &path, QByteArray *bytes, QString *error = nullptr)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        if (error)
+            *error = file.errorString();
         return false;
-    *text = QString::fromUtf8(file.readAll());
-    file.close();
+    }
+    *bytes = file.readAll();
     return true;
 }
 
@@ -36,64 +75,63 @@ QString MacVpnBackend::controlPlaneHost() const
     return domain.isEmpty() ? QString(OrganizationDomain) : domain;
 }
 
+// The file is edited as bytes, so that whatever else it holds stays exactly
+// as it was, and replaced in one step, so that a failed or interrupted write
+// leaves the old file whole.
 void MacVpnBackend::pinControlPlaneHosts(const QStringList &addresses)
 {
     const QString hostName = controlPlaneHost();
     if (hostName.isEmpty() || addresses.isEmpty())
         return;
 
-    QFile file(host.hostsFile);
-    QString text;
-    if (!readText(file, &text)) {
-        qWarning() << "[MacVpnBackend] unable to read hosts file" << file.errorString();
+    QByteArray text;
+    QString error;
+    if (!readBytes(host.hostsFile, &text, &error)) {
+        qWarning() << "[MacVpnBackend] unable to read hosts file" << error;
         return;
     }
 
-    qsizetype begin = 0;
-    const qsizetype length = findBlock(text, &begin);
-    if (length >= 0)
-        text = text.remove(begin, length).trimmed() + QLatin1Char('\n');
+    qsizetype end = 0;
+    const qsizetype begin = findBlock(text, &end);
+    if (begin >= 0)
+        text = text.remove(begin, end - begin).trimmed() + '\n';
 
-    QString block = HostsBeginMarker + QLatin1Char('\n');
+    QByteArray block = BeginLine + '\n';
     for (const QString &address : addresses)
-        block += address + QLatin1Char('\t') + hostName + QLatin1Char('\n');
-    block += HostsEndMarker + QLatin1Char('\n');
+        block += address.toUtf8() + '\t' + hostName.toUtf8() + '\n';
+    block += EndLine + '\n';
 
-    if (!text.isEmpty() && !text.endsWith(QLatin1Char('\n')))
-        text += QLatin1Char('\n');
+    if (!text.isEmpty() && !text.endsWith('\n'))
+        text += '\n';
     text += block;
 
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Truncate)) {
-        qWarning() << "[MacVpnBackend] unable to write hosts file" << file.errorString();
+    if (!AtomicFile::replace(host.hostsFile, text, &error)) {
+        qWarning() << "[MacVpnBackend] unable to write hosts file" << error;
         return;
     }
-    file.write(text.toUtf8());
-    file.close();
     qInfo() << "[MacVpnBackend] pinned control-plane host" << hostName << addresses;
 }
 
 void MacVpnBackend::unpinControlPlaneHosts()
 {
-    QFile file(host.hostsFile);
-    QString text;
-    if (!readText(file, &text))
+    QByteArray text;
+    if (!readBytes(host.hostsFile, &text))
         return;
 
-    qsizetype begin = 0;
-    const qsizetype length = findBlock(text, &begin);
-    if (length < 0)
+    qsizetype end = 0;
+    const qsizetype begin = findBlock(text, &end);
+    if (begin < 0)
         return;
-    text.remove(begin, length);
-    while (text.contains(QLatin1String("\n\n\n")))
-        text.replace(QLatin1String("\n\n\n"), QLatin1String("\n\n"));
-    if (!text.isEmpty() && !text.endsWith(QLatin1Char('\n')))
-        text += QLatin1Char('\n');
+    text.remove(begin, end - begin);
+    while (text.contains("\n\n\n"))
+        text.replace("\n\n\n", "\n\n");
+    if (!text.isEmpty() && !text.endsWith('\n'))
+        text += '\n';
 
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Truncate)) {
-        qWarning() << "[MacVpnBackend] unable to restore hosts file" << file.errorString();
+    QString error;
+    if (!AtomicFile::replace(host.hostsFile, text, &error)) {
+        qWarning() << "[MacVpnBackend] unable to restore hosts file" << error;
         return;
     }
-    file.write(text.toUtf8());
-    file.close();
     qInfo() << "[MacVpnBackend] unpinned control-plane hosts";
 }

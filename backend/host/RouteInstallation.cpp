@@ -17,6 +17,7 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
 {
     serverHost = endpointHost(config);
     const QString gateway = defaultGateway();
+    physicalGateway = gateway;
     const bool splitActive =
         splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2);
     const QStringList splitRoutes = splitActive ? splitTunnelRoutes() : QStringList();
@@ -27,26 +28,30 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
             << "allowedIps=" << allowedIps(config) << "splitEnabled=" << splitPresent
             << "splitMode=" << splitTunnel.mode << "splitRoutes=" << splitRoutes;
 
-    // Runs one route addition; on failure records the given message with the
-    // tool's own explanation and reports false.
-    const auto addRoute = [this](const QStringList &arguments, const char *failureMessage) {
-        QString standardError;
-        if (runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs))
-            return true;
-        setError(tr(failureMessage).arg(standardError.trimmed()));
-        return false;
-    };
-
     // The server must stay reachable outside the tunnel, or the tunnel would
-    // carry its own encrypted packets.
+    // carry its own encrypted packets. Recorded before it is added; dropped
+    // again when the add fails, since a route that was there before us is not
+    // ours to delete.
     if (!serverHost.isEmpty() && !gateway.isEmpty()) {
-        if (!addRoute({NumericFlag, Add, QStringLiteral("-host"), serverHost, gateway},
-                      QT_TR_NOOP("Не удалось добавить маршрут до сервера: %1")))
+        serverRouteInstalled = true;
+        if (!recordHostChange()) {
+            serverRouteInstalled = false;
             return false;
+        }
+        QString standardError;
+        if (!runCommand(host.routeTool,
+                        {NumericFlag, Add, QStringLiteral("-host"), serverHost, gateway}, nullptr,
+                        &standardError, CommandTimeoutMs)) {
+            serverRouteInstalled = false;
+            saveJournal();
+            setError(tr("Не удалось добавить маршрут до сервера: %1").arg(standardError.trimmed()));
+            return false;
+        }
     }
 
     installControlPlaneBypass(gateway);
 
+    QList<PlannedRoute> planned;
     if (splitActive && splitTunnel.mode == 1) {
         for (const QString &route : splitRoutes) {
             const QString family = routeFamily(route);
@@ -55,12 +60,12 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
             if (family == QLatin1String("inet6"))
                 arguments << Inet6Flag;
             arguments << type << route << InterfaceFlag << tunnelInterface;
-            if (!addRoute(arguments,
-                          QT_TR_NOOP("Не удалось добавить маршрут раздельного туннелирования: %1")))
-                return false;
-            installedRoutes.append({family, route, type});
+            planned.append(
+                {{family, route, type, tunnelInterface},
+                 arguments,
+                 QT_TR_NOOP("Не удалось добавить маршрут раздельного туннелирования: %1")});
         }
-        return true;
+        return addRoutes(planned);
     }
 
     // Full tunnelling uses two half routes per family, which win over the
@@ -76,34 +81,60 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
                 ipv4Destinations.append(range);
         }
     }
-    for (const QString &destination : std::as_const(ipv4Destinations)) {
-        if (!addRoute({NumericFlag, Add, NetType, destination, InterfaceFlag, tunnelInterface},
-                      QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")))
-            return false;
-        installedRoutes.append({QStringLiteral("inet"), destination, NetType});
-    }
+    for (const QString &destination : std::as_const(ipv4Destinations))
+        planned.append({{QStringLiteral("inet"), destination, NetType, tunnelInterface},
+                        {NumericFlag, Add, NetType, destination, InterfaceFlag, tunnelInterface},
+                        QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")});
     if (allowed.contains(QLatin1String("::/0"))) {
-        for (const QString &destination : {QStringLiteral("::/1"), QStringLiteral("8000::/1")}) {
-            runCommand(
-                host.routeTool,
-                {NumericFlag, Add, Inet6Flag, NetType, destination, InterfaceFlag, tunnelInterface},
-                nullptr, nullptr, CommandTimeoutMs);
-            // Recorded whatever happened, so that removal tries it as well.
-            installedRoutes.append({QStringLiteral("inet6"), destination, NetType});
-        }
+        // A failed IPv6 half does not stop the connect.
+        for (const QString &destination : {QStringLiteral("::/1"), QStringLiteral("8000::/1")})
+            planned.append({{QStringLiteral("inet6"), destination, NetType, tunnelInterface},
+                            {NumericFlag, Add, Inet6Flag, NetType, destination, InterfaceFlag,
+                             tunnelInterface},
+                            nullptr});
     }
 
-    if (splitPresent && splitTunnel.mode == 2) {
-        if (gateway.isEmpty())
-            return true;
+    if (splitPresent && splitTunnel.mode == 2 && !gateway.isEmpty()) {
         for (const QString &route : splitRoutes) {
             const QString type = routeType(route);
-            if (!addRoute(
-                    {NumericFlag, Add, type, route, gateway},
-                    QT_TR_NOOP("Не удалось добавить исключение раздельного туннелирования: %1")))
-                return false;
-            installedRoutes.append({QStringLiteral("inet"), route, type});
+            planned.append(
+                {{QStringLiteral("inet"), route, type, gateway},
+                 {NumericFlag, Add, type, route, gateway},
+                 QT_TR_NOOP("Не удалось добавить исключение раздельного туннелирования: %1")});
         }
     }
+    return addRoutes(planned);
+}
+
+// All of them are recorded at once, before the first is added. A route whose
+// add fails is dropped from the record; when that failure stops the connect,
+// so are the ones never tried.
+bool MacVpnBackend::addRoutes(const QList<PlannedRoute> &planned)
+{
+    const qsizetype first = installedRoutes.size();
+    for (const PlannedRoute &route : planned)
+        installedRoutes.append(route.entry);
+    if (!recordHostChange()) {
+        installedRoutes.resize(first);
+        return false;
+    }
+    qsizetype next = first;
+    for (const PlannedRoute &route : planned) {
+        QString standardError;
+        if (runCommand(host.routeTool, route.arguments, nullptr, &standardError,
+                       CommandTimeoutMs)) {
+            ++next;
+            continue;
+        }
+        if (!route.failureMessage) {
+            installedRoutes.removeAt(next);
+            continue;
+        }
+        installedRoutes.resize(next);
+        saveJournal();
+        setError(tr(route.failureMessage).arg(standardError.trimmed()));
+        return false;
+    }
+    saveJournal();
     return true;
 }

@@ -5,19 +5,12 @@ void MacVpnBackend::removeRoutes()
 {
     removeControlPlaneBypass();
 
-    const QString numeric = QStringLiteral("-n");
-    const QString remove = QStringLiteral("delete");
-    for (auto it = installedRoutes.crbegin(); it != installedRoutes.crend(); ++it) {
-        const QString type = it->type.isEmpty() ? QStringLiteral("-net") : it->type;
-        QStringList arguments = {numeric, remove};
-        if (it->family == QLatin1String("inet6"))
-            arguments << QStringLiteral("-inet6");
-        arguments << type << it->destination;
-        runCommand(host.routeTool, arguments, nullptr, nullptr, CommandTimeoutMs);
-    }
+    for (auto it = installedRoutes.crbegin(); it != installedRoutes.crend(); ++it)
+        deleteRoute(*it);
     installedRoutes.clear();
 
-    if (!serverHost.isEmpty())
-        runCommand(host.routeTool, {numeric, remove, QStringLiteral("-host"), serverHost}, nullptr,
-                   nullptr, CommandTimeoutMs);
+    // A server route that was there before us, or never added, is not ours to delete.
+    if (serverRouteInstalled && !serverHost.isEmpty())
+        deleteRoute({routeFamily(serverHost), serverHost, QStringLiteral("-host"), QString()});
+    serverRouteInstalled = false;
 }

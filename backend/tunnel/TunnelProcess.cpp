@@ -1,5 +1,6 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/core/ProcessIdentity.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -20,6 +21,11 @@ constexpr int StopTimeoutMs = 5000;
 // never sees a name costs next to no processor time; a change in the runtime
 // directory (the name file or the socket appearing) wakes it at once.
 constexpr int NamePassIntervalMs = 20;
+// The output is kept only as a tail for error messages, and logged only up to
+// a budget per connection: a program that floods its output must neither grow
+// the service's memory nor fill the disk.
+constexpr qsizetype OutputTailChars = 16 * 1024;
+constexpr qint64 OutputLogBudget = 256 * 1024;
 
 QString socketPathFor(const QString &runtimeDir, const QString &interfaceName)
 {
@@ -51,6 +57,7 @@ bool MacVpnBackend::startTunnelProcess()
 {
     qInfo() << "[MacVpnBackend] startTunnelProcess";
     tunnelOutput.clear();
+    tunnelOutputLogged = 0;
     runtimeDir = host.runtimeDir;
     qInfo() << "[MacVpnBackend] runtime dir" << runtimeDir;
     if (!QDir().mkpath(runtimeDir)) {
@@ -76,6 +83,10 @@ bool MacVpnBackend::startTunnelProcess()
         setError(tr("Не удалось запустить amneziawg-go: %1").arg(tunnelProcess.errorString()));
         return false;
     }
+    tunnelPid = tunnelProcess.processId();
+    tunnelIdentity = ProcessIdentity::of(tunnelPid);
+    if (!recordHostChange())
+        return false;
 
     tunnelInterface = waitForTunnelName(nameFile);
     if (connectCancelled) {
@@ -87,12 +98,7 @@ bool MacVpnBackend::startTunnelProcess()
         return true;
     }
 
-    for (const QByteArray &pending :
-         {tunnelProcess.readAllStandardOutput(), tunnelProcess.readAllStandardError()}) {
-        const QString text = QString::fromUtf8(pending).trimmed();
-        if (!text.isEmpty())
-            tunnelOutput += QLatin1Char('\n') + text;
-    }
+    drainTunnelOutput();
     QString detail = tunnelOutput.trimmed();
     if (detail.contains(QLatin1String("operation not permitted"), Qt::CaseInsensitive))
         detail = tr("amneziawg-go не может создать utun-интерфейс без прав администратора. "
@@ -112,18 +118,6 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
     wakeUp.setSingleShot(true);
     const QFileSystemWatcher runtimeWatcher({runtimeDir});
 
-    const auto collect = [this](const QByteArray &bytes, const char *label, bool warning) {
-        const QString text = QString::fromUtf8(bytes).trimmed();
-        if (text.isEmpty())
-            return;
-        tunnelOutput += QLatin1Char('\n') + text;
-        const QString line = QLatin1String(label) + text;
-        if (warning)
-            qWarning().noquote() << line;
-        else
-            qInfo().noquote() << line;
-    };
-
     while (tunnelProcess.state() == QProcess::Running && clock.elapsed() < NameWaitMs) {
         // Serve other clients while we wait, sleeping until something happens
         // or the next pass is due.
@@ -132,8 +126,7 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
         if (connectCancelled)
             break;
 
-        collect(tunnelProcess.readAllStandardOutput(), "[MacVpnBackend] tunnel stdout =\n", false);
-        collect(tunnelProcess.readAllStandardError(), "[MacVpnBackend] tunnel stderr =\n", true);
+        drainTunnelOutput();
 
         QFile nameFile(nameFilePath);
         if (nameFile.open(QIODevice::ReadOnly | QIODevice::Text)) {
@@ -161,11 +154,64 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
 
 void MacVpnBackend::stopTunnelProcess()
 {
-    if (tunnelProcess.state() == QProcess::NotRunning)
-        return;
-    tunnelProcess.terminate();
-    if (!tunnelProcess.waitForFinished(StopTimeoutMs)) {
-        tunnelProcess.kill();
-        tunnelProcess.waitForFinished(StopTimeoutMs);
+    if (tunnelProcess.state() != QProcess::NotRunning) {
+        stoppingTunnel = true;
+        tunnelProcess.terminate();
+        if (!tunnelProcess.waitForFinished(StopTimeoutMs)) {
+            tunnelProcess.kill();
+            tunnelProcess.waitForFinished(StopTimeoutMs);
+        }
+        stoppingTunnel = false;
     }
+    if (tunnelProcess.state() == QProcess::NotRunning) {
+        tunnelPid = 0;
+        tunnelIdentity.clear();
+    }
+}
+
+void MacVpnBackend::watchTunnelProcess()
+{
+    connect(&tunnelProcess, &QProcess::readyReadStandardOutput, this,
+            &MacVpnBackend::drainTunnelOutput);
+    connect(&tunnelProcess, &QProcess::readyReadStandardError, this,
+            &MacVpnBackend::drainTunnelOutput);
+    connect(&tunnelProcess, &QProcess::finished, this, &MacVpnBackend::handleTunnelExit);
+}
+
+void MacVpnBackend::drainTunnelOutput()
+{
+    const auto collect = [this](const QByteArray &bytes, const char *label, bool warning) {
+        const QString text = QString::fromUtf8(bytes).trimmed();
+        if (text.isEmpty())
+            return;
+        tunnelOutput += QLatin1Char('\n') + text;
+        if (tunnelOutput.size() > OutputTailChars)
+            tunnelOutput = tunnelOutput.right(OutputTailChars);
+        if (tunnelOutputLogged > OutputLogBudget)
+            return;
+        tunnelOutputLogged += text.size();
+        const QString line = QLatin1String(label) + text;
+        if (warning)
+            qWarning().noquote() << line;
+        else
+            qInfo().noquote() << line;
+        if (tunnelOutputLogged > OutputLogBudget)
+            qWarning() << "[MacVpnBackend] tunnel output no longer logged for this connection";
+    };
+    collect(tunnelProcess.readAllStandardOutput(), "[MacVpnBackend] tunnel stdout =\n", false);
+    collect(tunnelProcess.readAllStandardError(), "[MacVpnBackend] tunnel stderr =\n", true);
+}
+
+// A tunnel program that dies while connected leaves routes into a dead utun
+// and DNS servers behind a dead tunnel: the Mac would be offline.
+void MacVpnBackend::handleTunnelExit()
+{
+    if (stoppingTunnel || currentStatus != Connected)
+        return;
+    drainTunnelOutput();
+    qWarning() << "[MacVpnBackend] tunnel program exited while connected"
+               << "exitStatus=" << tunnelProcess.exitStatus()
+               << "exitCode=" << tunnelProcess.exitCode() << "output=" << tunnelOutput.right(2000);
+    cleanup();
+    setError(tr("VPN-туннель прервался: amneziawg-go неожиданно завершился"));
 }

@@ -18,6 +18,7 @@ inline MacHostEnvironment emptyHost(const QTemporaryDir &dir)
         *tool = dir.filePath(QStringLiteral("absent-tool"));
     env.runtimeDir = dir.filePath(QStringLiteral("run"));
     env.hostsFile = dir.filePath(QStringLiteral("hosts"));
+    env.journalDir = dir.filePath(QStringLiteral("journal"));
     env.applicationDir = dir.path();
     env.workingDir = dir.path();
     env.lookupHost = [](const QString &name) {

@@ -42,6 +42,7 @@ MacHostEnvironment FakeHost::environment() const
     env.killallTool = path(QStringLiteral("tools/killall"));
     env.runtimeDir = runtimeDir();
     env.hostsFile = hostsFile();
+    env.journalDir = path(QStringLiteral("journal"));
     env.applicationDir = appDir();
     env.workingDir = appDir();
     const auto table = names;

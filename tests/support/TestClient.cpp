@@ -3,6 +3,7 @@
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QElapsedTimer>
+#include <QJsonDocument>
 #include <QLocalSocket>
 #include <QThread>
 
@@ -32,13 +33,7 @@ QByteArray exchangeRaw(const QString &path, const QList<QByteArray> &pieces, int
 
 QJsonObject exchangeJson(const QString &path, const QJsonObject &message, int timeoutMs)
 {
-    QLocalSocket socket;
-    socket.connectToServer(path);
-    if (!socket.waitForConnected(5000))
-        return QJsonObject();
-    socket.write(VpnServiceProtocol::encodeMessage(message));
-    socket.waitForBytesWritten(2000);
-    QJsonObject reply;
-    VpnServiceProtocol::readMessage(&socket, &reply, nullptr, timeoutMs);
-    return reply;
+    const QByteArray line =
+        exchangeRaw(path, {VpnServiceProtocol::encodeMessage(message)}, timeoutMs);
+    return QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
 }

@@ -69,7 +69,10 @@ SystemHost::SystemHost()
     QFile::remove(VpnServiceProtocol::socketPath());
     writeHostsFile("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
                    "198.51.100.10\ttarvex.com\n");
-    logPath = QStringLiteral("/tmp/daemon-%1.log").arg(QCoreApplication::applicationPid());
+    static int instances = 0;
+    logPath = QStringLiteral("/tmp/daemon-%1-%2.log")
+                  .arg(QCoreApplication::applicationPid())
+                  .arg(++instances);
     QFile::remove(logPath);
 }
 
@@ -119,12 +122,13 @@ bool SystemHost::startDaemon(const QStringList &environment)
         return false;
     QElapsedTimer clock;
     clock.start();
-    while (clock.elapsed() < 10000 && process.state() == QProcess::Running) {
+    while (clock.elapsed() < 10000) {
         QLocalSocket probe;
         probe.connectToServer(VpnServiceProtocol::socketPath());
         if (probe.waitForConnected(100))
             return true;
-        QThread::msleep(20);
+        if (process.waitForFinished(20))
+            return false;
     }
     return false;
 }
@@ -169,6 +173,12 @@ QJsonObject SystemHost::state() const
     return SimHost::load(QLatin1String(StateDir));
 }
 
+void SystemHost::writeState(const QJsonObject &state)
+{
+    const SimHost::Lock lock{QLatin1String(StateDir)};
+    SimHost::save(QLatin1String(StateDir), state);
+}
+
 QList<QStringList> SystemHost::calls(const QString &tool) const
 {
     QList<QStringList> matching;
@@ -177,6 +187,13 @@ QList<QStringList> SystemHost::calls(const QString &tool) const
             matching.append(tool.isEmpty() ? call : call.mid(1));
     }
     return matching;
+}
+
+void SystemHost::killDaemonAt(qsizetype call, bool before)
+{
+    setToolFaults({QStringLiteral("kill-%1:%2")
+                       .arg(before ? QLatin1String("before") : QLatin1String("after"))
+                       .arg(call)});
 }
 
 QByteArray SystemHost::hostsFile() const

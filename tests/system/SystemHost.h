@@ -53,7 +53,11 @@ public:
 
     QByteArray stateBytes() const;
     QJsonObject state() const;
+    void writeState(const QJsonObject &state);
     QList<QStringList> calls(const QString &tool = QString()) const;
+    // Makes the given tool call, counted from the start of the test, kill the
+    // daemon (SIGKILL) before or after it does its work.
+    void killDaemonAt(qsizetype call, bool before = false);
     QByteArray hostsFile() const;
     void writeHostsFile(const QByteArray &text);
     bool tunnelRunning() const;

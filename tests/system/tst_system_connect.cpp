@@ -1,11 +1,10 @@
-#include "ClientConfig.h"
-#include "ConnectionString.h"
+#include "Requests.h"
 #include "SystemHost.h"
 
-#include "protocol/VpnServiceProtocol.h"
-
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
+#include <QLocalSocket>
 #include <QTest>
 
 #include <csignal>
@@ -16,36 +15,12 @@ namespace {
 const QByteArray OriginalHosts = "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
                                  "198.51.100.10\ttarvex.com\n";
 
-QJsonObject peerFor(const ParsedVpnConfig &config, int splitMode = 0,
-                    const QStringList &destinations = {})
-{
-    QJsonObject peer{{"config", encodeConnectionString(awgDocument(config.lastConfig))}};
-    if (splitMode != 0) {
-        QJsonArray entries;
-        for (const QString &destination : destinations)
-            entries.append(QJsonObject{{"value", destination}});
-        peer.insert("splitTunnel",
-                    QJsonObject{{"enabled", true}, {"mode", splitMode}, {"entries", entries}});
-    }
-    return peer;
-}
-
-QJsonObject connectRequest(const ParsedVpnConfig &config, const QJsonObject &peer)
-{
-    return {{"command", "connect"},
-            {"config", VpnServiceProtocol::parsedConfigToJson(config)},
-            {"peer", peer}};
-}
-
 // Sends a connect for the configuration, with a peer carrying its string.
 QJsonObject connectWith(const SystemHost &host, const ParsedVpnConfig &config, int splitMode = 0,
                         const QStringList &destinations = {})
 {
-    return host.request(connectRequest(config, peerFor(config, splitMode, destinations)));
+    return host.request(connectRequest(config, splitMode, destinations));
 }
-
-const QJsonObject StatusRequest{{"command", "status"}};
-const QJsonObject DisconnectRequest{{"command", "disconnect"}};
 
 bool hasRoute(const QJsonObject &state, const QString &destination, const QString &via)
 {
@@ -323,6 +298,125 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
         QCOMPARE(host.request(StatusRequest),
                  (QJsonObject{{"error", ""}, {"ok", true}, {"status", "disconnected"}}));
+    }
+
+    // Two clients write in the same instant while a connect waits for its
+    // interface: the disconnect cancels it, and the connect is refused rather
+    // than run inside the one being cancelled.
+    void disconnectAndConnectInOnePass()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=noname"}));
+        const QByteArray before = host.stateBytes();
+        const QJsonObject request = connectRequest();
+        auto first =
+            std::async(std::launch::async, [&host, request] { return host.request(request); });
+        QTest::qWait(1000);
+        QLocalSocket disconnecting, connecting;
+        for (QLocalSocket *socket : {&disconnecting, &connecting}) {
+            socket->connectToServer(VpnServiceProtocol::socketPath());
+            QVERIFY(socket->waitForConnected(1000));
+        }
+        QTest::qWait(100);
+        disconnecting.write(VpnServiceProtocol::encodeMessage(DisconnectRequest));
+        connecting.write(VpnServiceProtocol::encodeMessage(request));
+        disconnecting.flush();
+        connecting.flush();
+        QJsonObject replies[2];
+        for (int i = 0; i < 2; ++i)
+            VpnServiceProtocol::readMessage(i == 0 ? &disconnecting : &connecting, &replies[i],
+                                            nullptr, 30000);
+        QCOMPARE(replies[0], reply(true, "disconnected"));
+        QCOMPARE(replies[1], reply(false, "disconnected", "connect already in progress"));
+        QCOMPARE(first.get(), reply(false, "disconnected", "connect cancelled by disconnect"));
+        QVERIFY(!host.tunnelRunning());
+        QCOMPARE(host.stateBytes(), before);
+        QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
+    }
+
+    void tunnelProgramDyingUndoesTheHost()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        QCOMPARE(host.request(connectRequest()).value("status").toString(),
+                 QStringLiteral("connected"));
+        const QJsonObject interfaces = host.state().value("interfaces").toObject();
+        ::kill(pid_t(interfaces.value("utun2").toObject().value("owner").toInteger()), SIGKILL);
+        const QJsonObject dead =
+            reply(true, "error", "VPN-туннель прервался: amneziawg-go неожиданно завершился");
+        QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), dead, 5000);
+        QCOMPARE(host.stateBytes(), before);
+        QCOMPARE(host.hostsFile(), OriginalHosts + "\n");
+        QVERIFY(host.daemonLog().contains("[MacVpnBackend] tunnel program exited while connected"));
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+    }
+
+    // A tunnel program that never stops printing must cost the service
+    // neither memory nor its ability to answer.
+    void talkativeTunnelProgram()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=chatty"}));
+        QCOMPARE(host.request(connectRequest()).value("status").toString(),
+                 QStringLiteral("connected"));
+        QTest::qWait(3000);
+        QCOMPARE(host.request(StatusRequest).value("status").toString(),
+                 QStringLiteral("connected"));
+        QFile status(QString("/proc/%1/status").arg(host.daemon().processId()));
+        QVERIFY(status.open(QIODevice::ReadOnly));
+        const QByteArray text = status.readAll();
+        const qsizetype at = text.indexOf("VmRSS:");
+        const qint64 residentKiB = text.mid(at + 6, text.indexOf('\n', at) - at - 6)
+                                       .trimmed()
+                                       .split(' ')
+                                       .value(0)
+                                       .toLongLong();
+        QVERIFY2(residentKiB > 0 && residentKiB < 100 * 1024,
+                 qPrintable(QString::number(residentKiB)));
+        QVERIFY(host.daemonLog().size() < 2 * 1024 * 1024);
+    }
+
+    // Routes that were there before the connect are someone else's: a
+    // failed add leaves them to their owner, and so does the disconnect.
+    void leavesOtherRoutesAlone_data()
+    {
+        QTest::addColumn<QJsonObject>("route");
+        QTest::addColumn<QString>("status");
+        QTest::newRow("another VPN's IPv6 half") << QJsonObject{{"family", "inet6"},
+                                                                {"destination", "::/1"},
+                                                                {"type", "-net"},
+                                                                {"gateway", "utun1"},
+                                                                {"interface", "utun1"}}
+                                                 << "connected";
+        QTest::newRow("a static route to the endpoint")
+            << QJsonObject{{"family", "inet"},
+                           {"destination", "203.0.113.5"},
+                           {"type", "-host"},
+                           {"gateway", "192.168.1.254"},
+                           {"interface", "en0"}}
+            << "error";
+    }
+
+    void leavesOtherRoutesAlone()
+    {
+        REQUIRE_SANDBOX();
+        QFETCH(QJsonObject, route);
+        QFETCH(QString, status);
+        SystemHost host;
+        QJsonObject state = host.state();
+        QJsonArray routes = state.value("routes").toArray();
+        routes.append(route);
+        state.insert("routes", routes);
+        host.writeState(state);
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        QCOMPARE(host.request(connectRequest()).value("status").toString(), status);
+        host.request(DisconnectRequest);
+        QCOMPARE(host.stateBytes(), before);
     }
 
     void keepsSecretsOutOfTheLog()

@@ -1,13 +1,12 @@
 // Many connect/disconnect cycles against the unmodified daemon, each with a
 // fault drawn from a seeded generator: a set-up command failing or hanging at
-// a random step, the tunnel program dying while connected, or SIGTERM at a
-// random moment. After every cycle the simulated host and /etc/hosts must be
-// exactly as before. TARVEX_FAULT_SEED and TARVEX_FAULT_CYCLES change the run.
-#include "ClientConfig.h"
-#include "ConnectionString.h"
+// a random step, the tunnel program dying while connected, SIGTERM at a
+// random moment, or SIGKILL at a random step, sometimes again in the middle
+// of the undo at the next start. After every cycle the simulated host and
+// /etc/hosts must be exactly as before. TARVEX_FAULT_SEED and
+// TARVEX_FAULT_CYCLES change the run.
+#include "Requests.h"
 #include "SystemHost.h"
-
-#include "protocol/VpnServiceProtocol.h"
 
 #include <QRandomGenerator>
 #include <QTest>
@@ -21,18 +20,6 @@ namespace {
 // Ends with an empty line, the one form that pinning and unpinning leave
 // byte for byte as it was.
 const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com\n\n";
-
-QJsonObject connectRequest()
-{
-    const ParsedVpnConfig config = clientConfig();
-    const QJsonObject split{{"enabled", true},
-                            {"mode", 2},
-                            {"entries", QJsonArray{QJsonObject{{"value", "203.0.113.0/24"}}}}};
-    return {{"command", "connect"},
-            {"config", VpnServiceProtocol::parsedConfigToJson(config)},
-            {"peer", QJsonObject{{"config", encodeConnectionString(awgDocument(config.lastConfig))},
-                                 {"splitTunnel", split}}}};
-}
 
 qint64 tunnelPid(const SystemHost &host)
 {
@@ -67,68 +54,97 @@ private Q_SLOTS:
         host.writeHostsFile(Hosts);
         QVERIFY(host.startDaemon());
         const QByteArray state = host.stateBytes();
-        const QJsonObject request = connectRequest();
+        const QJsonObject request = connectRequest(clientConfig(), 2, {"203.0.113.0/24"});
 
-        // The set-up commands of a clean connect are the steps a fault can hit.
+        // The set-up commands of a clean connect are the steps a fault can hit;
+        // every command of a connect and a disconnect is a point to be killed at.
+        const qsizetype first = host.calls().size();
         QCOMPARE(host.request(request).value("status").toString(), QStringLiteral("connected"));
         QStringList steps;
         for (const QStringList &call : host.calls()) {
             const QString line = call.join(' ');
-            if (!line.contains(" delete ") && !line.startsWith("dscacheutil") &&
-                !line.startsWith("killall"))
+            if (!line.contains(" delete ") && !line.contains(" get ") &&
+                !line.startsWith("dscacheutil") && !line.startsWith("killall"))
                 steps.append(line);
         }
-        host.request({{"command", "disconnect"}});
+        host.request(DisconnectRequest);
+        const qsizetype killPoints = host.calls().size() - first;
         QCOMPARE(host.stateBytes(), state);
         QCOMPARE(host.hostsFile(), Hosts);
 
-        int counts[5] = {};
+        enum Scenario { Clean, Fail, Hang, TunnelDies, Term, Kill, Scenarios };
+        const char *const names[] = {"clean",       "failing step", "hanging step",
+                                     "tunnel died", "SIGTERM",      "SIGKILL"};
+        int counts[Scenarios] = {};
         for (int cycle = 0; cycle < cycles; ++cycle) {
             const int draw = int(random.bounded(20));
-            const int scenario = draw < 4 ? 0 : draw < 13 ? 1 : draw < 14 ? 2 : draw < 17 ? 3 : 4;
+            const auto scenario = Scenario(draw < 3    ? Clean
+                                           : draw < 9  ? Fail
+                                           : draw < 10 ? Hang
+                                           : draw < 13 ? TunnelDies
+                                           : draw < 16 ? Term
+                                                       : Kill);
             ++counts[scenario];
             const QString step = steps.at(int(random.bounded(steps.size())));
-            const QString what =
-                QStringList{"clean", "fail: " + step, "hang: " + step, "tunnel dies", "SIGTERM"}.at(
-                    scenario);
+            const qsizetype killAt =
+                host.calls().size() + 1 + qsizetype(random.bounded(killPoints));
+            const bool killBefore = random.bounded(2) == 1;
+            const bool killAgain = random.bounded(2) == 1;
+            QString what = QLatin1String(names[scenario]);
+            if (scenario == Fail || scenario == Hang)
+                what += ": " + step;
+            if (scenario == Kill)
+                what += QString(" %1 step %2%3")
+                            .arg(killBefore ? "before" : "after")
+                            .arg(killAt - host.calls().size())
+                            .arg(killAgain ? ", and again during the undo" : "");
             std::printf("cycle %d: %s\n", cycle, qPrintable(what));
             std::fflush(stdout);
+            const QByteArray context =
+                QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what).toUtf8();
 
-            if (scenario == 1 || scenario == 2)
-                host.setToolFaults({QString(scenario == 1 ? "fail:" : "hang:") + step});
-            if (scenario == 4) {
+            if (scenario == Fail || scenario == Hang)
+                host.setToolFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
+            if (scenario == Kill)
+                host.killDaemonAt(killAt, killBefore);
+            if (scenario == Term) {
                 auto reply = std::async(std::launch::async,
                                         [&host, &request] { return host.request(request); });
                 QTest::qWait(int(random.bounded(600)));
                 QCOMPARE(host.stopDaemon(SIGTERM), 0);
                 reply.wait();
+                QVERIFY(host.startDaemon());
+            } else if (scenario == Kill) {
+                if (host.request(request).value("ok").toBool())
+                    host.request(DisconnectRequest);
+                QVERIFY2(host.daemon().waitForFinished(10000), context.constData());
+                if (killAgain) {
+                    host.killDaemonAt(host.calls().size() + 1 + qsizetype(random.bounded(4)));
+                    host.startDaemon(); // may die in the middle of its undo
+                }
+                host.setToolFaults({});
+                if (host.daemon().state() != QProcess::Running)
+                    QVERIFY(host.startDaemon());
             } else {
                 host.request(request);
-                if (scenario == 3) {
+                if (scenario == TunnelDies) {
                     if (const qint64 pid = tunnelPid(host))
                         ::kill(pid_t(pid), SIGKILL);
                     QTest::qWait(50);
                 }
                 host.setToolFaults({});
-                QCOMPARE(host.request({{"command", "disconnect"}}).value("status").toString(),
+                QCOMPARE(host.request(DisconnectRequest).value("status").toString(),
                          QStringLiteral("disconnected"));
             }
 
-            QVERIFY2(!host.tunnelRunning(),
-                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
-            QVERIFY2(host.stateBytes() == state,
-                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
-            QVERIFY2(host.hostsFile() == Hosts,
-                     qPrintable(QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what)));
-            if (scenario == 4) {
-                host.setToolFaults({});
-                QVERIFY(host.startDaemon());
-            }
+            QVERIFY2(!host.tunnelRunning(), context.constData());
+            QVERIFY2(host.stateBytes() == state, context.constData());
+            QVERIFY2(host.hostsFile() == Hosts, context.constData());
         }
-        std::printf("seed %u: %d cycles (%d clean, %d failing step, %d hanging step, %d tunnel "
-                    "died, %d SIGTERM), "
-                    "host identical after every one\n",
-                    seed, cycles, counts[0], counts[1], counts[2], counts[3], counts[4]);
+        std::printf("seed %u: %d cycles (", seed, cycles);
+        for (int i = 0; i < Scenarios; ++i)
+            std::printf("%s%d %s", i ? ", " : "", counts[i], names[i]);
+        std::printf("), host identical after every one\n");
     }
 };
 

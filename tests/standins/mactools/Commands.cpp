@@ -32,16 +32,8 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
         return false;
     }
     command->command = args.takeFirst();
-    if (command->command == QLatin1String("get")) {
-        if (args != QStringList{QStringLiteral("default")}) {
-            *error =
-                failure(QStringLiteral("route: get: only the default route is simulated\n"), 64);
-            return false;
-        }
-        command->destination = args.first();
-        return true;
-    }
-    if (command->command != QLatin1String("add") && command->command != QLatin1String("delete")) {
+    if (command->command != QLatin1String("add") && command->command != QLatin1String("delete") &&
+        command->command != QLatin1String("get")) {
         *error = failure(QStringLiteral("route: %1: unknown command\n").arg(command->command), 64);
         return false;
     }
@@ -68,6 +60,13 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
         return false;
     }
     QString destination = positional.takeFirst();
+    if (destination == QLatin1String("default")) {
+        command->destination = destination;
+        command->type = QStringLiteral("-net");
+        return command->command == QLatin1String("get") ||
+               (*error = failure(QStringLiteral("route: default: only looked up here\n"), 64),
+                false);
+    }
     if (command->type.isEmpty())
         command->type = destination.contains(QLatin1Char('/')) ? QStringLiteral("-net")
                                                                : QStringLiteral("-host");
@@ -91,6 +90,8 @@ bool parseRoute(QStringList args, RouteCommand *command, Result *error)
     }
     command->destination = destination;
 
+    if (command->command == QLatin1String("get"))
+        return true;
     if (command->command == QLatin1String("add") && command->interfaceName.isEmpty()) {
         command->gateway = positional.isEmpty() ? QString() : positional.takeFirst();
         if (command->gateway.isEmpty()) {

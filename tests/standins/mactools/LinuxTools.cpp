@@ -44,19 +44,33 @@ QString routingSocketError(const QString &linuxError)
 Result appliedRoute(const RouteCommand &command)
 {
     if (command.command == QLatin1String("get")) {
-        const IpResult shown = ip({QStringLiteral("-4"), QStringLiteral("route"),
-                                   QStringLiteral("show"), QStringLiteral("default")});
-        static const QRegularExpression pattern(QStringLiteral("default via (\\S+) dev (\\S+)"));
+        // Only an exact route is looked up; macOS's fallback to a covering
+        // route is not needed here.
+        const bool v6 = command.family == QLatin1String("inet6");
+        QStringList args{v6 ? QStringLiteral("-6") : QStringLiteral("-4"), QStringLiteral("route"),
+                         QStringLiteral("show")};
+        if (command.destination == QLatin1String("default"))
+            args << QStringLiteral("default");
+        else
+            args << QStringLiteral("exact")
+                 << (command.destination.contains(QLatin1Char('/'))
+                         ? command.destination
+                         : command.destination +
+                               (v6 ? QStringLiteral("/128") : QStringLiteral("/32")));
+        const IpResult shown = ip(args);
+        static const QRegularExpression pattern(
+            QStringLiteral("^(\\S+)(?: via (\\S+))? dev (\\S+)"));
         const QRegularExpressionMatch match = pattern.match(shown.out);
         if (!match.hasMatch())
             return failure(QStringLiteral("route: writing to routing socket: not in table\n"));
-        return {0,
-                QStringLiteral(
-                    "   route to: default\ndestination: default\n       mask: default\n    "
-                    "gateway: %1\n"
-                    "  interface: %2\n      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n")
-                    .arg(match.captured(1), match.captured(2)),
-                QString()};
+        QString text =
+            QStringLiteral("   route to: %1\ndestination: %2\n")
+                .arg(command.destination, match.captured(1).section(QLatin1Char('/'), 0, 0));
+        if (!match.captured(2).isEmpty())
+            text += QStringLiteral("    gateway: %1\n").arg(match.captured(2));
+        text += QStringLiteral("  interface: %1\n      flags: <UP,DONE,STATIC>\n")
+                    .arg(match.captured(3));
+        return {0, text, QString()};
     }
 
     const bool ipv6 = command.family == QLatin1String("inet6");

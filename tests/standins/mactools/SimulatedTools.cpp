@@ -24,30 +24,79 @@ int findRoute(const QJsonArray &routes, const QString &family, const QString &ty
     return -1;
 }
 
+QHostAddress maskOf(const QString &destination, bool ipv6)
+{
+    const int length = destination == QLatin1String("default")
+                           ? 0
+                           : QHostAddress::parseSubnet(canonicalDestination(destination)).second;
+    if (!ipv6)
+        return QHostAddress(length == 0 ? 0u : ~0u << (32 - length));
+    Q_IPV6ADDR bytes = {};
+    for (int bit = 0; bit < length; ++bit)
+        bytes[bit / 8] |= quint8(0x80 >> (bit % 8));
+    return QHostAddress(bytes);
+}
+
+// As macOS answers "route -n get": the route itself when one has exactly that
+// destination, otherwise, for a host, the most specific route that covers it.
+Result simulatedRouteGet(const QJsonArray &routes, const RouteCommand &command)
+{
+    const bool ipv6 = command.family == QLatin1String("inet6");
+    const QString wanted = canonicalDestination(command.destination);
+    int best = -1;
+    int bestLength = -1;
+    for (int i = 0; i < routes.size(); ++i) {
+        const QJsonObject r = routes.at(i).toObject();
+        const QString destination = r.value(key("destination")).toString();
+        if (r.value(key("family")).toString() != command.family)
+            continue;
+        if (canonicalDestination(destination) == wanted) {
+            best = i;
+            break;
+        }
+        const auto subnet =
+            destination == QLatin1String("default")
+                ? qMakePair(QHostAddress(ipv6 ? key("::") : key("0.0.0.0")), 0)
+                : QHostAddress::parseSubnet(destination.contains(QLatin1Char('/'))
+                                                ? destination
+                                                : destination + (ipv6 ? key("/128") : key("/32")));
+        if (command.type == QLatin1String("-host") && subnet.second > bestLength &&
+            QHostAddress(command.destination).isInSubnet(subnet)) {
+            best = i;
+            bestLength = subnet.second;
+        }
+    }
+    if (best < 0)
+        return failure(key("route: writing to routing socket: not in table\n"));
+    const QJsonObject r = routes.at(best).toObject();
+    const QString destination = r.value(key("destination")).toString();
+    const bool host = r.value(key("type")).toString() == QLatin1String("-host");
+    const QString gateway = r.value(key("gateway")).toString();
+    const bool viaGateway = !QHostAddress(gateway).isNull() || gateway.startsWith(key("link#"));
+    QString text = QStringLiteral("   route to: %1\ndestination: %2\n")
+                       .arg(command.destination, destination.section(QLatin1Char('/'), 0, 0));
+    if (!host)
+        text += QStringLiteral("       mask: %1\n")
+                    .arg(destination == QLatin1String("default")
+                             ? key("default")
+                             : maskOf(destination, ipv6).toString());
+    if (viaGateway)
+        text += QStringLiteral("    gateway: %1\n").arg(gateway);
+    text += QStringLiteral("  interface: %1\n      flags: <UP,%2%3DONE,STATIC>\n")
+                .arg(r.value(key("interface")).toString(), viaGateway ? key("GATEWAY,") : QString(),
+                     host ? key("HOST,") : QString());
+    text += key(" recvpipe  sendpipe  ssthresh  rtt,msec    rttvar  hopcount      mtu     expire\n"
+                "       0         0         0         0         0         0      1500         0\n");
+    return {0, text, QString()};
+}
+
 } // namespace
 
 Result simulatedRoute(QJsonObject &host, const RouteCommand &command)
 {
     QJsonArray routes = host.value(key("routes")).toArray();
-    if (command.command == QLatin1String("get")) {
-        const int index = findRoute(routes, key("inet"), key("-net"), key("default"));
-        if (index < 0)
-            return failure(key("route: writing to routing socket: not in table\n"));
-        const QJsonObject r = routes.at(index).toObject();
-        return {
-            0,
-            QStringLiteral(
-                "   route to: default\n"
-                "destination: default\n"
-                "       mask: default\n"
-                "    gateway: %1\n"
-                "  interface: %2\n"
-                "      flags: <UP,GATEWAY,DONE,STATIC,PRCLONING,GLOBAL>\n"
-                " recvpipe  sendpipe  ssthresh  rtt,msec    rttvar  hopcount      mtu     expire\n"
-                "       0         0         0         0         0         0      1500         0\n")
-                .arg(r.value(key("gateway")).toString(), r.value(key("interface")).toString()),
-            QString()};
-    }
+    if (command.command == QLatin1String("get"))
+        return simulatedRouteGet(routes, command);
 
     const int existing = findRoute(routes, command.family, command.type, command.destination);
     if (command.command == QLatin1String("delete")) {

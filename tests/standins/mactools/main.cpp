@@ -14,7 +14,9 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <csignal>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -76,12 +78,16 @@ int main(int argc, char *argv[])
 
     Result result;
     bool hang = false;
+    QString kill;
     {
         SimHost::Lock lock(dir);
         SimHost::logCall(dir, QStringList{tool} + args);
+        kill = SimHost::killPoint(dir, int(SimHost::calls(dir).size()));
         const QString fault =
             SimHost::faultFor(dir, (QStringList{tool} + args).join(QLatin1Char(' ')));
-        if (fault == QLatin1String("fail"))
+        if (kill == QLatin1String("before"))
+            ::kill(::getppid(), SIGKILL);
+        else if (fault == QLatin1String("fail"))
             result = failure(QStringLiteral("%1: simulated failure\n").arg(tool), 1);
         else if (fault == QLatin1String("garble"))
             result = {0, QStringLiteral("%1: unexpected output\n\tno fields here\n").arg(tool),
@@ -91,6 +97,8 @@ int main(int argc, char *argv[])
         else
             result = run(tool, args, dir);
     }
+    if (!kill.isEmpty())
+        ::kill(::getppid(), SIGKILL);
     if (hang) {
         QThread::sleep(30); // well past every time-out of the service
         return 0;

@@ -30,9 +30,14 @@ void writeFile(const QString &path, const QByteArray &bytes)
     }
 }
 
+// A zombie has closed its utun already; nobody may be left to reap it.
 bool processAlive(qint64 pid)
 {
-    return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+    if (pid <= 0 || (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM))
+        return false;
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const qsizetype close = stat.lastIndexOf(')');
+    return close < 0 || stat.mid(close + 2, 1) != "Z";
 }
 
 QJsonObject route(const char *family, const char *destination, const char *type,
@@ -190,6 +195,19 @@ QList<QStringList> calls(const QString &dir)
         result.append(argv);
     }
     return result;
+}
+
+QString killPoint(const QString &dir, int callNumber)
+{
+    const QStringList rules = QString::fromUtf8(readFile(dir + QStringLiteral("/faults")))
+                                  .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    for (const QString &rule : rules) {
+        for (const char *when : {"before", "after"}) {
+            if (rule == QStringLiteral("kill-%1:%2").arg(QLatin1String(when)).arg(callNumber))
+                return QLatin1String(when);
+        }
+    }
+    return QString();
 }
 
 QString faultFor(const QString &dir, const QString &commandLine)

@@ -49,4 +49,9 @@ QList<QStringList> calls(const QString &dir);
 // fail, hang or garble.
 QString faultFor(const QString &dir, const QString &commandLine);
 
+// "kill-before:N" and "kill-after:N" in the faults file make the N-th tool
+// call of the run kill its caller (the service) with SIGKILL, before or after
+// doing its work: "before", "after" or empty.
+QString killPoint(const QString &dir, int callNumber);
+
 } // namespace SimHost

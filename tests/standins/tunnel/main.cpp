@@ -10,6 +10,7 @@
 //   errno=N      answer every set transaction with errno N
 //   no-close     answer without the closing empty line
 //   no-reply     read requests but never answer them
+//   chatty       once named, print output without pause
 //   ignore-term  ignore SIGTERM
 #include "SimHost.h"
 #include "UapiDevice.h"
@@ -28,6 +29,7 @@
 #include <csignal>
 #include <cstdio>
 #include <sys/signalfd.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -186,6 +188,15 @@ int main(int argc, char *argv[])
         if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
             file.write(name.toLocal8Bit() + '\n');
     };
+
+    // Printed from a thread of its own, as a real program's logger would, so
+    // that a reader who falls behind blocks the output and nothing else.
+    if (faults().contains(QStringLiteral("chatty")))
+        std::thread([] {
+            const QByteArray line = QByteArray(4095, 'x') + '\n';
+            for (;;)
+                ::write(STDOUT_FILENO, line.constData(), size_t(line.size()));
+        }).detach();
 
     if (faults().contains(QStringLiteral("late-socket"))) {
         writeName();

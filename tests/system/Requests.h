@@ -1,0 +1,46 @@
+#pragma once
+
+#include "ClientConfig.h"
+#include "ConnectionString.h"
+
+#include "protocol/VpnServiceProtocol.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QStringList>
+
+// The requests the system tests send, as the client application builds them.
+inline const QJsonObject StatusRequest{{"command", "status"}};
+inline const QJsonObject DisconnectRequest{{"command", "disconnect"}};
+
+inline QJsonObject peerFor(const ParsedVpnConfig &config, int splitMode = 0,
+                           const QStringList &destinations = {})
+{
+    QJsonObject peer{{"config", encodeConnectionString(awgDocument(config.lastConfig))}};
+    if (splitMode != 0) {
+        QJsonArray entries;
+        for (const QString &destination : destinations)
+            entries.append(QJsonObject{{"value", destination}});
+        peer.insert("splitTunnel",
+                    QJsonObject{{"enabled", true}, {"mode", splitMode}, {"entries", entries}});
+    }
+    return peer;
+}
+
+inline QJsonObject connectRequest(const ParsedVpnConfig &config, const QJsonObject &peer)
+{
+    return {{"command", "connect"},
+            {"config", VpnServiceProtocol::parsedConfigToJson(config)},
+            {"peer", peer}};
+}
+
+inline QJsonObject connectRequest(const ParsedVpnConfig &config = clientConfig(), int splitMode = 0,
+                                  const QStringList &destinations = {})
+{
+    return connectRequest(config, peerFor(config, splitMode, destinations));
+}
+
+inline QJsonObject reply(bool ok, const char *status, const QString &error = QString())
+{
+    return {{"ok", ok}, {"status", status}, {"error", error}};
+}
