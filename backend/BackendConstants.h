@@ -7,7 +7,9 @@
 namespace {
 
 constexpr auto TunnelBinaryName = QLatin1String("amneziawg-go");
-constexpr auto RuntimeDir = QLatin1String("/tmp/corvel-client-amneziawg");
+// Root's own: it holds the tunnel's configuration socket, so no other user
+// may be able to create it first, as anyone can under /tmp.
+constexpr auto RuntimeDir = QLatin1String("/var/run/tarvex-amneziawg");
 constexpr auto InterfacePrefix = QLatin1String("amn0");
 constexpr auto DefaultIpv6Address = QLatin1String("fd58:baa6:dead::1");
 constexpr auto HostsFilePath = QLatin1String("/etc/hosts");

@@ -23,10 +23,8 @@ struct MacHostEnvironment
     QString journalDir;
 
     // Where the tunnel program is looked for. Empty means the running
-    // executable's directory and the process's working directory, asked for at
-    // the moment of the search.
+    // executable's directory, asked for at the moment of the search.
     QString applicationDir;
-    QString workingDir;
 
     // Blocking name look-up through the system resolver.
     std::function<QHostInfo(const QString &)> lookupHost;

@@ -4,6 +4,8 @@
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/HostJournal.h"
 
+#include <QHash>
+#include <QHostInfo>
 #include <QList>
 #include <QMap>
 #include <QProcess>
@@ -99,6 +101,8 @@ public:
     void unpinControlPlaneHosts();
 
     QString defaultGateway() const;
+    // The gateway of either family's default route, and the interface it uses.
+    QString defaultGatewayOf(bool ipv6, QString *interfaceName = nullptr) const;
     bool isIpv4Route(const QString &route) const;
     bool isIpv6Route(const QString &route) const;
     QString routeFamily(const QString &route) const;
@@ -128,6 +132,11 @@ private:
     void deleteRoute(const RouteEntry &route);
     void stopRecordedTunnel();
 
+    // Names the connect needs (split-tunnel hosts, the control-plane host),
+    // looked up together under one deadline before the tunnel starts.
+    void resolveNames();
+    QHostInfo lookedUp(const QString &name) const;
+
     void watchTunnelProcess();
     void drainTunnelOutput();
     void handleTunnelExit();
@@ -147,16 +156,18 @@ private:
     const MacHostEnvironment host;
 
     // Bookkeeping the journal needs beyond the members above: the gateway the
-    // server, bypass and exclusion routes point at, whether the server route
-    // and the hosts block are ours, and who the tunnel program is.
+    // bypass and exclusion routes point at, the one the server route points at
+    // (empty unless that route is ours), whether the hosts block is ours, and
+    // who the tunnel program is.
     QString physicalGateway;
-    bool serverRouteInstalled = false;
+    QString serverRouteGateway;
     bool hostsPinned = false;
     qint64 tunnelPid = 0;
     QString tunnelIdentity;
     HostJournal journal;
     bool stoppingTunnel = false;
     qint64 tunnelOutputLogged = 0;
+    QHash<QString, QHostInfo> resolvedNames;
 
     // A connect re-enters the event loop while it waits for the interface
     // name; these let a disconnect arriving then cancel it cleanly.

@@ -2,6 +2,7 @@
 // connection strings with the same library the client application uses and
 // speaks the service's one-line JSON protocol.
 #include "client/ServiceClient.h"
+#include "config/ConnectValidator.h"
 #include "config/VpnConfigParser.h"
 #include "protocol/VpnServiceProtocol.h"
 
@@ -235,6 +236,12 @@ int runConnect(const QStringList &args, bool json)
                     QJsonObject{{QStringLiteral("enabled"), true},
                                 {QStringLiteral("mode"), mode},
                                 {QStringLiteral("entries"), entries}});
+    // The service would refuse it just the same; saying so here is quicker.
+    const QString problem = ConnectValidator::problem(result.config, peer.toVariantMap());
+    if (!problem.isEmpty()) {
+        err() << problem << '\n';
+        return Refused;
+    }
     const QJsonObject request{
         {QStringLiteral("command"), QStringLiteral("connect")},
         {QStringLiteral("config"), VpnServiceProtocol::parsedConfigToJson(result.config)},

@@ -1,6 +1,7 @@
 #include "service/MacVpnServiceServer.h"
 
 #include "backend/core/LogMasking.h"
+#include "config/ConnectValidator.h"
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QCoreApplication>
@@ -155,6 +156,12 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request)
         const ParsedVpnConfig config = VpnServiceProtocol::parsedConfigFromJson(
             request.value(QLatin1String("config")).toObject());
         const QJsonObject peer = request.value(QLatin1String("peer")).toObject();
+        // Refused before anything changes: a tunnel already up stays up.
+        const QString problem = ConnectValidator::problem(config, peer.toVariantMap());
+        if (!problem.isEmpty()) {
+            qWarning() << "[MacVpnServiceServer] connect refused" << problem;
+            return statusResponse(false, problem);
+        }
         static_cast<PlatformVpnBackend &>(backend).connectVpn(config, peer.toVariantMap());
         if (backend.status() == PlatformVpnBackend::Disconnected)
             return statusResponse(false, QStringLiteral("connect cancelled by disconnect"));

@@ -1,5 +1,6 @@
 #include "backend/MacVpnBackend.h"
 #include "backend/core/LogMasking.h"
+#include "config/ConnectValidator.h"
 
 #include <QDebug>
 #include <QScopeGuard>
@@ -14,6 +15,14 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     qInfo() << "[MacVpnBackend] connectVpn start"
             << "container=" << config.container << "protocol=" << config.protocolName
             << "host=" << endpointHost(config);
+
+    // Every value is checked before anything is touched, the clean-up included.
+    const QString problem = ConnectValidator::problem(config, peer);
+    if (!problem.isEmpty()) {
+        qWarning() << "[MacVpnBackend] connect refused" << problem;
+        setError(problem);
+        return;
+    }
 
     splitTunnel = splitTunnelFromPeer(peer);
     setError(QString());
@@ -36,6 +45,12 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
     qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
+
+    resolveNames();
+    if (connectCancelled) {
+        qInfo() << "[MacVpnBackend] connect cancelled by disconnect";
+        return;
+    }
 
     if (!startTunnelProcess()) {
         // A disconnect served while we waited for the interface has already

@@ -1,12 +1,12 @@
 #include "backend/core/HostJournal.h"
 
 #include "backend/core/AtomicFile.h"
+#include "backend/core/PrivateDirectory.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QThread>
@@ -45,30 +45,10 @@ QString HostJournal::filePath() const
     return QDir(directory).filePath(JournalFile);
 }
 
-// The directory holds what the service will undo as root: only root may
-// have made it, and nobody else may write to it.
 bool HostJournal::prepareDirectory(QString *error)
 {
-    if (directoryReady)
-        return true;
-    const QByteArray path = QFile::encodeName(directory);
-    QDir().mkpath(QFileInfo(directory).absolutePath());
-    if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
-        *error = QStringLiteral("%1: %2").arg(directory, systemError());
-        return false;
-    }
-    struct stat info = {};
-    if (::lstat(path.constData(), &info) != 0 || !S_ISDIR(info.st_mode) ||
-        info.st_uid != ::geteuid()) {
-        *error = QStringLiteral("%1: not a directory of this service's own").arg(directory);
-        return false;
-    }
-    if ((info.st_mode & 0077) != 0 && ::chmod(path.constData(), 0700) != 0) {
-        *error = QStringLiteral("%1: %2").arg(directory, systemError());
-        return false;
-    }
-    directoryReady = true;
-    return true;
+    directoryReady = directoryReady || PrivateDirectory::ensure(directory, error);
+    return directoryReady;
 }
 
 bool HostJournal::lock(int timeoutMs)

@@ -73,13 +73,13 @@ bool MacVpnBackend::recoverHostChanges()
             deleteRoute(bypass);
     }
     controlPlaneBypassHosts.clear();
-    if (serverRouteInstalled) {
+    if (!serverRouteGateway.isEmpty()) {
         const RouteEntry server{routeFamily(serverHost), serverHost, QStringLiteral("-host"),
-                                physicalGateway};
+                                serverRouteGateway};
         if (routeStillInstalled(server))
             deleteRoute(server);
     }
-    serverRouteInstalled = false;
+    serverRouteGateway.clear();
     serverHost.clear();
     physicalGateway.clear();
     stopRecordedTunnel();

@@ -1,19 +1,14 @@
 // The backend's bookkeeping of host changes, as the journal keeps it on disk.
 #include "backend/MacVpnBackend.h"
+#include "config/NetworkText.h"
 
 #include <QDebug>
-#include <QHostAddress>
 #include <QJsonArray>
 #include <QRegularExpression>
 
 namespace {
 
 constexpr int JournalVersion = 1;
-
-bool isAddress(const QString &text)
-{
-    return !QHostAddress(text).isNull();
-}
 
 bool isInterfaceName(const QString &text)
 {
@@ -45,10 +40,12 @@ QJsonObject MacVpnBackend::journalState() const
         state.insert(QStringLiteral("tunnel"),
                      QJsonObject{{QStringLiteral("pid"), tunnelPid},
                                  {QStringLiteral("identity"), tunnelIdentity}});
-    if (serverRouteInstalled || !controlPlaneBypassHosts.isEmpty())
+    if (!controlPlaneBypassHosts.isEmpty())
         state.insert(QStringLiteral("gateway"), physicalGateway);
-    if (serverRouteInstalled)
-        state.insert(QStringLiteral("serverRoute"), serverHost);
+    if (!serverRouteGateway.isEmpty())
+        state.insert(QStringLiteral("serverRoute"),
+                     QJsonObject{{QStringLiteral("host"), serverHost},
+                                 {QStringLiteral("via"), serverRouteGateway}});
     if (!controlPlaneBypassHosts.isEmpty())
         state.insert(QStringLiteral("bypassRoutes"),
                      QJsonArray::fromStringList(controlPlaneBypassHosts));
@@ -94,12 +91,13 @@ void MacVpnBackend::adoptJournalState(const QJsonObject &state)
     }
 
     const QString gateway = state.value(QLatin1String("gateway")).toString();
-    const bool gatewayValid = isAddress(gateway);
-    const QString server = state.value(QLatin1String("serverRoute")).toString();
-    if (gatewayValid && isAddress(server)) {
-        physicalGateway = gateway;
-        serverHost = server;
-        serverRouteInstalled = true;
+    const bool gatewayValid = NetworkText::isAddress(gateway);
+    const QJsonObject server = state.value(QLatin1String("serverRoute")).toObject();
+    const QString serverVia = server.value(QLatin1String("via")).toString();
+    if (NetworkText::isAddress(server.value(QLatin1String("host")).toString()) &&
+        NetworkText::isAddress(serverVia)) {
+        serverHost = server.value(QLatin1String("host")).toString();
+        serverRouteGateway = serverVia;
     } else if (state.contains(QLatin1String("serverRoute"))) {
         ignored("serverRoute", state.value(QLatin1String("serverRoute")));
     }
@@ -126,7 +124,8 @@ void MacVpnBackend::adoptJournalState(const QJsonObject &state)
                 : route.family == QLatin1String("inet") && isIpv4Route(route.destination);
         const bool typeValid =
             route.type == QLatin1String("-net") || route.type == QLatin1String("-host");
-        if (familyMatches && typeValid && (isAddress(route.via) || isInterfaceName(route.via)))
+        if (familyMatches && typeValid &&
+            (NetworkText::isAddress(route.via) || isInterfaceName(route.via)))
             installedRoutes.append(route);
         else
             ignored("route", value);
@@ -137,7 +136,7 @@ void MacVpnBackend::adoptJournalState(const QJsonObject &state)
         QStringList servers;
         bool valid = !it.key().trimmed().isEmpty() && isPrintable(it.key()) && it.value().isArray();
         for (const QJsonValue &server : it.value().toArray()) {
-            valid = valid && isAddress(server.toString());
+            valid = valid && NetworkText::isAddress(server.toString());
             servers.append(server.toString());
         }
         if (valid)

@@ -15,7 +15,7 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
     if (hostName.isEmpty())
         return;
 
-    const QHostInfo info = host.lookupHost(hostName);
+    const QHostInfo info = lookedUp(hostName);
     if (info.error() != QHostInfo::NoError) {
         qWarning() << "[MacVpnBackend] control-plane resolve failed" << hostName
                    << info.errorString();

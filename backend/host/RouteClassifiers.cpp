@@ -1,37 +1,15 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
-
-#include <QHostAddress>
-
-namespace {
-
-bool isRouteOfProtocol(const QString &route, QAbstractSocket::NetworkLayerProtocol protocol,
-                       int maxPrefix)
-{
-    const QString text = route.trimmed();
-    if (text.isEmpty())
-        return false;
-    const int slash = text.indexOf(QLatin1Char('/'));
-    if (slash >= 0) {
-        bool ok = false;
-        const int prefix = text.section(QLatin1Char('/'), 1, 1).toInt(&ok, 10);
-        if (!ok || prefix < 0 || prefix > maxPrefix)
-            return false;
-    }
-    const QString address = slash < 0 ? text : text.left(slash);
-    return QHostAddress(address).protocol() == protocol;
-}
-
-} // namespace
+#include "config/NetworkText.h"
 
 bool MacVpnBackend::isIpv4Route(const QString &route) const
 {
-    return isRouteOfProtocol(route, QAbstractSocket::IPv4Protocol, 32);
+    return NetworkText::isIpv4Route(route);
 }
 
 bool MacVpnBackend::isIpv6Route(const QString &route) const
 {
-    return isRouteOfProtocol(route, QAbstractSocket::IPv6Protocol, 128);
+    return NetworkText::isIpv6Route(route);
 }
 
 QString MacVpnBackend::routeFamily(const QString &route) const
@@ -46,16 +24,27 @@ QString MacVpnBackend::routeType(const QString &route) const
 
 QString MacVpnBackend::defaultGateway() const
 {
+    return defaultGatewayOf(false);
+}
+
+QString MacVpnBackend::defaultGatewayOf(bool ipv6, QString *interfaceName) const
+{
     QString output;
-    const QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get"),
-                                   QStringLiteral("default")};
+    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get")};
+    if (ipv6)
+        arguments << QStringLiteral("-inet6");
+    arguments << QStringLiteral("default");
     if (!runCommand(host.routeTool, arguments, &output, nullptr, CommandTimeoutMs))
         return QString();
+    QString gateway;
     const QStringList lines = output.split(QLatin1Char('\n'));
     for (const QString &rawLine : lines) {
         const QString line = rawLine.trimmed();
-        if (line.startsWith(QLatin1String("gateway:")))
-            return line.mid(line.indexOf(QLatin1Char(':')) + 1).trimmed();
+        const QString value = line.mid(line.indexOf(QLatin1Char(':')) + 1).trimmed();
+        if (line.startsWith(QLatin1String("gateway:")) && gateway.isEmpty())
+            gateway = value;
+        else if (line.startsWith(QLatin1String("interface:")) && interfaceName)
+            *interfaceName = value;
     }
-    return QString();
+    return gateway;
 }

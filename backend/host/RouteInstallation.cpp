@@ -31,18 +31,22 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
     // The server must stay reachable outside the tunnel, or the tunnel would
     // carry its own encrypted packets. Recorded before it is added; dropped
     // again when the add fails, since a route that was there before us is not
-    // ours to delete.
-    if (!serverHost.isEmpty() && !gateway.isEmpty()) {
-        serverRouteInstalled = true;
+    // ours to delete. An IPv6 server goes by the IPv6 default route.
+    const bool ipv6Server = routeFamily(serverHost) == QLatin1String("inet6");
+    const QString serverGateway = ipv6Server ? defaultGatewayOf(true) : gateway;
+    if (!serverHost.isEmpty() && !serverGateway.isEmpty()) {
+        serverRouteGateway = serverGateway;
         if (!recordHostChange()) {
-            serverRouteInstalled = false;
+            serverRouteGateway.clear();
             return false;
         }
+        QStringList arguments = {NumericFlag, Add};
+        if (ipv6Server)
+            arguments << Inet6Flag;
+        arguments << QStringLiteral("-host") << serverHost << serverGateway;
         QString standardError;
-        if (!runCommand(host.routeTool,
-                        {NumericFlag, Add, QStringLiteral("-host"), serverHost, gateway}, nullptr,
-                        &standardError, CommandTimeoutMs)) {
-            serverRouteInstalled = false;
+        if (!runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs)) {
+            serverRouteGateway.clear();
             saveJournal();
             setError(tr("Не удалось добавить маршрут до сервера: %1").arg(standardError.trimmed()));
             return false;

@@ -10,7 +10,7 @@ void MacVpnBackend::removeRoutes()
     installedRoutes.clear();
 
     // A server route that was there before us, or never added, is not ours to delete.
-    if (serverRouteInstalled && !serverHost.isEmpty())
+    if (!serverRouteGateway.isEmpty() && !serverHost.isEmpty())
         deleteRoute({routeFamily(serverHost), serverHost, QStringLiteral("-host"), QString()});
-    serverRouteInstalled = false;
+    serverRouteGateway.clear();
 }

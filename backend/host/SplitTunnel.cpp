@@ -1,7 +1,16 @@
 #include "backend/MacVpnBackend.h"
+#include "backend/host/NameResolver.h"
 
 #include <QDebug>
 #include <QHostAddress>
+
+namespace {
+
+// All names of a connect together: a resolver that never answers costs this
+// much, once.
+constexpr int NameLookupDeadlineMs = 5000;
+
+} // namespace
 
 MacVpnBackend::SplitTunnelSettings MacVpnBackend::splitTunnelFromPeer(const QVariantMap &peer) const
 {
@@ -26,7 +35,7 @@ QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) c
         return {value};
 
     QStringList routes;
-    const QList<QHostAddress> addresses = host.lookupHost(value).addresses();
+    const QList<QHostAddress> addresses = lookedUp(value).addresses();
     for (const QHostAddress &address : addresses) {
         const auto protocol = address.protocol();
         if (protocol == QAbstractSocket::IPv4Protocol || protocol == QAbstractSocket::IPv6Protocol)
@@ -42,6 +51,32 @@ QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) c
 
     qWarning() << "[MacVpnBackend] split tunnel host not resolved" << value;
     return {};
+}
+
+void MacVpnBackend::resolveNames()
+{
+    QStringList names = {controlPlaneHost()};
+    if (splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2)) {
+        for (const QVariant &entry : std::as_const(splitTunnel.entries)) {
+            const QString value = entry.toMap().value(QStringLiteral("value")).toString().trimmed();
+            if (!isIpv4Route(value) && !isIpv6Route(value))
+                names.append(value);
+        }
+    }
+    resolvedNames = NameResolver::resolve(names, host.lookupHost, NameLookupDeadlineMs,
+                                          [this] { return connectCancelled; });
+    for (auto it = resolvedNames.cbegin(); it != resolvedNames.cend(); ++it) {
+        if (it->error() == QHostInfo::UnknownError)
+            qWarning() << "[MacVpnBackend] name lookup timed out" << it.key();
+    }
+}
+
+// A connect has looked its names up already, under its deadline; a name
+// it did not ask for is looked up now.
+QHostInfo MacVpnBackend::lookedUp(const QString &name) const
+{
+    const auto found = resolvedNames.constFind(name);
+    return found != resolvedNames.cend() ? *found : host.lookupHost(name);
 }
 
 QStringList MacVpnBackend::splitTunnelRoutes() const

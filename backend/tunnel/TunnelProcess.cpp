@@ -1,5 +1,6 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/core/PrivateDirectory.h"
 #include "backend/core/ProcessIdentity.h"
 
 #include <QCoreApplication>
@@ -10,7 +11,12 @@
 #include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QLocalSocket>
+#include <QRegularExpression>
 #include <QTimer>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -27,6 +33,24 @@ constexpr int NamePassIntervalMs = 20;
 constexpr qsizetype OutputTailChars = 16 * 1024;
 constexpr qint64 OutputLogBudget = 256 * 1024;
 
+// The first line of the name file, read only from a regular file of its
+// own: never through a link planted in its place.
+bool readNameFile(const QString &path, QString *name)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct stat info = {};
+    QFile file;
+    const bool regular = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    if (regular &&
+        file.open(fd, QIODevice::ReadOnly | QIODevice::Text, QFileDevice::AutoCloseHandle))
+        *name = QString::fromLocal8Bit(file.readLine(64)).trimmed();
+    else
+        ::close(fd);
+    return regular;
+}
+
 QString socketPathFor(const QString &runtimeDir, const QString &interfaceName)
 {
     return QDir(runtimeDir).filePath(interfaceName + QLatin1String(".sock"));
@@ -34,21 +58,30 @@ QString socketPathFor(const QString &runtimeDir, const QString &interfaceName)
 
 } // namespace
 
+// Only beside the service and in the bundle's resources: the working
+// directory is "/" for a daemon and anyone's to plant a file in elsewhere.
+// The program runs as root, so only a file that only root could have put
+// there is taken.
 QString MacVpnBackend::findTunnelBinary() const
 {
     const QDir appDir(host.applicationDir.isEmpty() ? QCoreApplication::applicationDirPath()
                                                     : host.applicationDir);
-    const QDir workDir(host.workingDir.isEmpty() ? QDir::currentPath() : host.workingDir);
     const QStringList candidates = {
         appDir.filePath(TunnelBinaryName),
         appDir.filePath(QStringLiteral("../Resources/%1").arg(TunnelBinaryName)),
-        workDir.filePath(TunnelBinaryName),
     };
     for (const QString &candidate : candidates) {
         qInfo() << "[MacVpnBackend] check tunnel binary" << candidate;
         const QFileInfo info(candidate);
-        if (info.exists() && info.isFile() && info.isExecutable())
-            return info.absoluteFilePath();
+        if (!info.exists() || !info.isFile() || !info.isExecutable())
+            continue;
+        struct stat file = {};
+        if (::stat(QFile::encodeName(candidate).constData(), &file) != 0 ||
+            file.st_uid != ::geteuid() || (file.st_mode & 0022) != 0) {
+            qWarning() << "[MacVpnBackend] tunnel binary skipped: writable by others" << candidate;
+            continue;
+        }
+        return info.absoluteFilePath();
     }
     return QString();
 }
@@ -60,7 +93,10 @@ bool MacVpnBackend::startTunnelProcess()
     tunnelOutputLogged = 0;
     runtimeDir = host.runtimeDir;
     qInfo() << "[MacVpnBackend] runtime dir" << runtimeDir;
-    if (!QDir().mkpath(runtimeDir)) {
+    // The tunnel's configuration socket, keys included, lives here.
+    QString reason;
+    if (!PrivateDirectory::ensure(runtimeDir, &reason)) {
+        qWarning() << "[MacVpnBackend] runtime dir refused" << reason;
         setError(tr("Не удалось создать runtime-директорию для VPN"));
         return false;
     }
@@ -102,7 +138,7 @@ bool MacVpnBackend::startTunnelProcess()
     QString detail = tunnelOutput.trimmed();
     if (detail.contains(QLatin1String("operation not permitted"), Qt::CaseInsensitive))
         detail = tr("amneziawg-go не может создать utun-интерфейс без прав администратора. "
-                    "Нужен привилегированный daemon/helper как в Amnezia.");
+                    "Нужен привилегированный daemon/helper.");
     if (detail.isEmpty())
         detail = tr("не удалось получить имя utun-интерфейса");
     qWarning() << "[MacVpnBackend] tunnel interface failed" << detail;
@@ -117,6 +153,7 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
     QTimer wakeUp;
     wakeUp.setSingleShot(true);
     const QFileSystemWatcher runtimeWatcher({runtimeDir});
+    static const QRegularExpression utunName(QStringLiteral("^utun[0-9]{1,4}$"));
 
     while (tunnelProcess.state() == QProcess::Running && clock.elapsed() < NameWaitMs) {
         // Serve other clients while we wait, sleeping until something happens
@@ -128,11 +165,15 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
 
         drainTunnelOutput();
 
-        QFile nameFile(nameFilePath);
-        if (nameFile.open(QIODevice::ReadOnly | QIODevice::Text)) {
-            const QString name = QString::fromLocal8Bit(nameFile.readLine()).trimmed();
-            nameFile.close();
+        QString name;
+        if (readNameFile(nameFilePath, &name)) {
             qInfo() << "[MacVpnBackend] name file read" << nameFilePath << "ifName=" << name;
+            // Anything but a utun of its own would have us address and route
+            // through some other interface, Wi-Fi even.
+            if (!name.isEmpty() && !utunName.match(name).hasMatch()) {
+                qWarning() << "[MacVpnBackend] name file names no utun interface" << name;
+                break;
+            }
             if (!name.isEmpty()) {
                 const QString socketPath = socketPathFor(runtimeDir, name);
                 qInfo() << "[MacVpnBackend] test uapi socket" << socketPath;

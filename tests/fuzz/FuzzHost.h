@@ -20,7 +20,6 @@ inline MacHostEnvironment emptyHost(const QTemporaryDir &dir)
     env.hostsFile = dir.filePath(QStringLiteral("hosts"));
     env.journalDir = dir.filePath(QStringLiteral("journal"));
     env.applicationDir = dir.path();
-    env.workingDir = dir.path();
     env.lookupHost = [](const QString &name) {
         QHostInfo info;
         info.setHostName(name);

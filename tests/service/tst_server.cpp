@@ -1,6 +1,9 @@
+#include "ClientConfig.h"
 #include "FakeHost.h"
 #include "LogCapture.h"
 #include "ServerThread.h"
+
+#include "protocol/VpnServiceProtocol.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -138,7 +141,7 @@ private Q_SLOTS:
         QVERIFY(server.startServing());
         const QJsonObject connect{
             {QStringLiteral("command"), QStringLiteral("connect")},
-            {QStringLiteral("config"), QJsonObject()},
+            {QStringLiteral("config"), VpnServiceProtocol::parsedConfigToJson(clientConfig())},
             {QStringLiteral("peer"),
              QJsonObject{{QStringLiteral("config"), QStringLiteral("vpn://x")}}}};
         const QJsonObject reply = server.request(connect);

@@ -7,9 +7,7 @@
 #include <QFile>
 #include <QHostAddress>
 
-FakeHost::FakeHost()
-    : names(std::make_shared<QHash<QString, QStringList>>()),
-      looked(std::make_shared<QStringList>())
+FakeHost::FakeHost() : resolver(std::make_shared<Resolver>())
 {
     for (const char *sub : {"tools", "state", "run", "app"})
         QDir(dir.path()).mkpath(QLatin1String(sub));
@@ -44,15 +42,14 @@ MacHostEnvironment FakeHost::environment() const
     env.hostsFile = hostsFile();
     env.journalDir = path(QStringLiteral("journal"));
     env.applicationDir = appDir();
-    env.workingDir = appDir();
-    const auto table = names;
-    const auto record = looked;
-    env.lookupHost = [table, record](const QString &name) {
-        record->append(name);
+    const auto shared = resolver;
+    env.lookupHost = [shared](const QString &name) {
         QHostInfo info;
         info.setHostName(name);
-        const auto it = table->constFind(name);
-        if (it == table->constEnd()) {
+        const QMutexLocker locker(&shared->mutex);
+        shared->looked.append(name);
+        const auto it = shared->names.constFind(name);
+        if (it == shared->names.constEnd()) {
             info.setError(QHostInfo::HostNotFound);
             info.setErrorString(QStringLiteral("Host not found"));
             return info;
@@ -91,7 +88,14 @@ void FakeHost::setToolFaults(const QStringList &rules)
 
 void FakeHost::resolve(const QString &name, const QStringList &addresses)
 {
-    names->insert(name, addresses);
+    const QMutexLocker locker(&resolver->mutex);
+    resolver->names.insert(name, addresses);
+}
+
+QStringList FakeHost::lookups() const
+{
+    const QMutexLocker locker(&resolver->mutex);
+    return resolver->looked;
 }
 
 QJsonObject FakeHost::state() const

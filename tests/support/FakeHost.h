@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QHostInfo>
 #include <QJsonObject>
+#include <QMutex>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -34,7 +35,7 @@ public:
 
     void resolve(const QString &name, const QStringList &addresses);
     // Names the backend asked the resolver for, in order.
-    QStringList lookups() const { return *looked; }
+    QStringList lookups() const;
 
     QJsonObject state() const;
     QByteArray stateBytes() const;
@@ -47,6 +48,12 @@ public:
 
 private:
     QTemporaryDir dir;
-    std::shared_ptr<QHash<QString, QStringList>> names;
-    std::shared_ptr<QStringList> looked;
+    // The backend looks names up on threads of its own.
+    struct Resolver
+    {
+        QMutex mutex;
+        QHash<QString, QStringList> names;
+        QStringList looked;
+    };
+    std::shared_ptr<Resolver> resolver;
 };

@@ -65,7 +65,8 @@ SystemHost::SystemHost()
     QFile::copy(binary(QStringLiteral("TarvexVpnService")),
                 QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
     removeTunnel();
-    QDir(QStringLiteral("/tmp/corvel-client-amneziawg")).removeRecursively();
+    QFile::remove(QStringLiteral("/var/run/tarvex-amneziawg")); // a link
+    QDir(QStringLiteral("/var/run/tarvex-amneziawg")).removeRecursively();
     QFile::remove(VpnServiceProtocol::socketPath());
     writeHostsFile("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
                    "198.51.100.10\ttarvex.com\n");

@@ -154,7 +154,7 @@ private Q_SLOTS:
         const QString admin =
             "Не удалось создать VPN-интерфейс: amneziawg-go не может создать utun-интерфейс без "
             "прав "
-            "администратора. Нужен привилегированный daemon/helper как в Amnezia.";
+            "администратора. Нужен привилегированный daemon/helper.";
         const QString refused = "Не удалось применить WireGuard/AWG-конфигурацию";
         QTest::newRow("tunnel missing") << "missing" << QStringList() << QStringList() << 0
                                         << "Не найден amneziawg-go рядом с приложением" << false;

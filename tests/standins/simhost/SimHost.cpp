@@ -122,6 +122,7 @@ QJsonObject defaultHost()
         route("inet", "default", "-net", "192.168.1.1", "en0"),
         route("inet", "127.0.0.1", "-host", "127.0.0.1", "lo0"),
         route("inet", "192.168.1.0/24", "-net", "link#6", "en0"),
+        route("inet6", "default", "-net", "fe80::1%en0", "en0"),
     };
     const QJsonObject interfaces = {
         {QStringLiteral("lo0"), QJsonObject{{QStringLiteral("inet"), QStringLiteral("127.0.0.1")},

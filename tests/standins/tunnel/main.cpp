@@ -11,6 +11,7 @@
 //   no-close     answer without the closing empty line
 //   no-reply     read requests but never answer them
 //   chatty       once named, print output without pause
+//   name=NAME    report NAME (and serve NAME.sock) instead of its own utunN
 //   ignore-term  ignore SIGTERM
 #include "SimHost.h"
 #include "UapiDevice.h"
@@ -134,7 +135,8 @@ int main(int argc, char *argv[])
                                                  : QFileInfo(nameFile).absolutePath();
     QDir().mkpath(socketDir);
     const QString simDir = SimHost::stateDir();
-    const QString name = takeInterface(simDir, socketDir);
+    const QString forcedName = faultValue(QStringLiteral("name"));
+    const QString name = forcedName.isEmpty() ? takeInterface(simDir, socketDir) : forcedName;
     const QString socketPath = QDir(socketDir).filePath(name + QStringLiteral(".sock"));
     const bool silent = faults().contains(QStringLiteral("noname"));
     if (!silent)
@@ -216,6 +218,7 @@ int main(int argc, char *argv[])
 
     const int code = app.exec();
     server.close();
-    releaseInterface(simDir, name);
+    if (forcedName.isEmpty())
+        releaseInterface(simDir, name);
     return code;
 }

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "config/ParsedVpnConfig.h"
+
+#include <QString>
+#include <QVariantMap>
+
+// Checks every value a connect will hand to the tunnel program or to a host
+// tool, before anything is started. Values arrive from any local user and
+// end up as lines of the tunnel's configuration and as arguments of tools
+// run as root, so each must be exactly what its field allows.
+namespace ConnectValidator {
+
+// Upper bounds on what one connect may ask for: every allowed range and
+// every split-tunnel destination costs a route command, and a connect holds
+// up the service while it runs.
+constexpr int MaxAllowedIps = 512;
+constexpr int MaxSplitTunnelEntries = 256;
+constexpr int MaxAmneziaPacketChars = 4096;
+
+// The user-facing message naming the first field that is not acceptable,
+// or an empty string when every value is.
+QString problem(const ParsedVpnConfig &config, const QVariantMap &peer);
+
+} // namespace ConnectValidator
