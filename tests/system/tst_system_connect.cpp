@@ -224,6 +224,22 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
     }
 
+    // The tunnel program takes an IPv6 endpoint only in brackets, and the
+    // server route goes by the IPv6 default route.
+    void ipv6Endpoint()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        ParsedVpnConfig config = clientConfig({{"hostName", "2001:db8::5"}});
+        config.hostName = "2001:db8::5";
+        QCOMPARE(connectWith(host, config).value("status").toString(), QStringLiteral("connected"));
+        QVERIFY(hasRoute(host.state(), "2001:db8::5", "fe80::1%en0"));
+        host.request(DisconnectRequest);
+        QCOMPARE(host.stateBytes(), before);
+    }
+
     void dnsFailureDoesNotStopConnect()
     {
         REQUIRE_SANDBOX();
