@@ -29,6 +29,11 @@ constexpr auto NetworksetupTool = QLatin1String("/usr/sbin/networksetup");
 constexpr auto DscacheutilTool = QLatin1String("/usr/bin/dscacheutil");
 constexpr auto KillallTool = QLatin1String("/usr/bin/killall");
 
+// Who may command the service besides root: the user at the console, and the
+// members of the administrators' group.
+constexpr auto ConsoleDevice = QLatin1String("/dev/console");
+constexpr auto AdministratorsGroup = QLatin1String("admin");
+
 // Every host tool gets the same allowance to start and, separately, to run.
 constexpr int CommandTimeoutMs = 5000;
 

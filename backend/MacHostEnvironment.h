@@ -4,6 +4,7 @@
 #include <QString>
 
 #include <functional>
+#include <sys/types.h>
 
 // Everything the backend touches on the host, in one place. A default-built
 // value is the real macOS host; tests substitute stand-in tools, private
@@ -28,4 +29,9 @@ struct MacHostEnvironment
 
     // Blocking name look-up through the system resolver.
     std::function<QHostInfo(const QString &)> lookupHost;
+
+    // The user at the Mac: the owner of the console device.
+    std::function<uid_t()> consoleOwner;
+    // Whether a user belongs to the administrators' group.
+    std::function<bool(uid_t)> isAdministrator;
 };

@@ -3,6 +3,7 @@
 #include "backend/core/LogMasking.h"
 #include "config/ConnectValidator.h"
 #include "protocol/VpnServiceProtocol.h"
+#include "service/PeerCredentials.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -18,11 +19,13 @@
 namespace {
 
 constexpr int StaleProbeTimeoutMs = 500;
-constexpr int ReplyWriteTimeoutMs = 3000;
 // Any local user may write to the socket; nobody may make a root process
-// buffer without bound.
+// buffer without bound. Qt itself reads ahead no more than a chunk.
 constexpr qsizetype MaxRequestBytes = 1024 * 1024;
+constexpr qint64 ReadChunkBytes = 64 * 1024;
 constexpr int ExitSocketLost = 1;
+// A peer whose user the kernel cannot tell is nobody.
+constexpr uid_t UnknownUser = uid_t(-1);
 
 } // namespace
 
@@ -33,7 +36,9 @@ MacVpnServiceServer::MacVpnServiceServer(QObject *parent)
 
 MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment environment,
                                          QObject *parent)
-    : QObject(parent), path(std::move(socketPath)), backend(std::move(environment))
+    : QObject(parent), path(std::move(socketPath)),
+      access(environment.consoleOwner, environment.isAdministrator),
+      backend(std::move(environment)), clients(clientLog)
 {
     connect(&localServer, &ServiceListener::newConnection, this,
             &MacVpnServiceServer::handleNewConnection);
@@ -43,6 +48,10 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
         qWarning() << "[MacVpnServiceServer] socket lost" << reason;
         QCoreApplication::exit(ExitSocketLost);
     });
+    // Out of descriptors with a queue of clients: the one that has waited
+    // longest without a request makes way.
+    localServer.setAdmission([this] { return clients.roomForOneMore(); },
+                             [this] { return clients.makeRoom(); });
 }
 
 bool MacVpnServiceServer::start()
@@ -85,10 +94,17 @@ bool MacVpnServiceServer::start()
 void MacVpnServiceServer::handleNewConnection()
 {
     while (QLocalSocket *socket = localServer.nextPendingConnection()) {
-        qInfo() << "[MacVpnServiceServer] client connected";
+        if (clientLog.allow())
+            qInfo() << "[MacVpnServiceServer] client connected";
+        socket->setReadBufferSize(ReadChunkBytes);
         connect(socket, &QLocalSocket::readyRead, this,
                 [this, socket] { handleReadyRead(socket); });
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+        clients.admit(socket);
+        // An honest client has written its line by now: serving it before the
+        // next arrival is admitted keeps it from being closed to make room.
+        if (socket->state() == QLocalSocket::ConnectedState)
+            socket->waitForReadyRead(0);
     }
 }
 
@@ -105,14 +121,19 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
     // One exchange per connection: nothing this client sends later is read.
     disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
     socket->setProperty("buffer", QVariant());
+    socket->setReadBufferSize(1);
+    clients.requestReceived(socket);
+    const uid_t caller = PeerCredentials::uid(socket->socketDescriptor()).value_or(UnknownUser);
     if (lineEnd < 0) {
-        qWarning() << "[MacVpnServiceServer] request too large" << buffer.size();
-        writeResponse(socket, statusResponse(false, QStringLiteral("request too large")));
+        if (clientLog.allow())
+            qWarning() << "[MacVpnServiceServer] request too large" << buffer.size();
+        writeResponse(socket, statusResponse(false, QStringLiteral("request too large"), caller));
         return;
     }
 
     const QByteArray line = buffer.left(lineEnd);
-    qInfo().noquote() << "[MacVpnServiceServer] request =" << LogMasking::messageLine(line);
+    if (clientLog.allow())
+        qInfo().noquote() << "[MacVpnServiceServer] request =" << LogMasking::messageLine(line);
 
     // A connect may serve other clients while it waits for the tunnel; should
     // this client vanish meanwhile, its socket must outlive this call.
@@ -122,8 +143,8 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
     const QJsonObject response = parseError.error == QJsonParseError::NoError && document.isObject()
-                                     ? handleRequest(document.object())
-                                     : statusResponse(false, parseError.errorString());
+                                     ? handleRequest(document.object(), caller)
+                                     : statusResponse(false, parseError.errorString(), caller);
     if (!guard)
         return;
     writeResponse(socket, response);
@@ -133,25 +154,34 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
 }
 
-QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request)
+QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t caller)
 {
     const QString command = request.value(QLatin1String("command")).toString();
-    qInfo() << "[MacVpnServiceServer] command" << command;
+    if (clientLog.allow())
+        qInfo() << "[MacVpnServiceServer] command" << command;
 
     if (command == QLatin1String("status"))
-        return statusResponse(true, QString());
+        return statusResponse(true, QString(), caller);
+
+    const bool commanding =
+        command == QLatin1String("connect") || command == QLatin1String("disconnect");
+    if (commanding && !access.mayCommand(caller)) {
+        if (clientLog.allow())
+            qWarning() << "[MacVpnServiceServer] command refused" << command << "uid=" << caller;
+        return statusResponse(false, tr("Недостаточно прав для управления VPN"), caller);
+    }
 
     if (command == QLatin1String("disconnect")) {
         backend.disconnectVpn();
         lastPeer = QJsonObject();
-        return statusResponse(true, QString());
+        return statusResponse(true, QString(), caller);
     }
 
     if (command == QLatin1String("connect")) {
         // Only reachable while a connect waits, or unwinds after a disconnect
         // cancelled it; a second one must not run inside it.
         if (backend.connectInProgress())
-            return statusResponse(false, QStringLiteral("connect already in progress"));
+            return statusResponse(false, QStringLiteral("connect already in progress"), caller);
 
         const ParsedVpnConfig config = VpnServiceProtocol::parsedConfigFromJson(
             request.value(QLatin1String("config")).toObject());
@@ -160,38 +190,43 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request)
         const QString problem = ConnectValidator::problem(config, peer.toVariantMap());
         if (!problem.isEmpty()) {
             qWarning() << "[MacVpnServiceServer] connect refused" << problem;
-            return statusResponse(false, problem);
+            return statusResponse(false, problem, caller);
         }
         static_cast<PlatformVpnBackend &>(backend).connectVpn(config, peer.toVariantMap());
         if (backend.status() == PlatformVpnBackend::Disconnected)
-            return statusResponse(false, QStringLiteral("connect cancelled by disconnect"));
+            return statusResponse(false, QStringLiteral("connect cancelled by disconnect"), caller);
         if (backend.status() != PlatformVpnBackend::Connected)
-            return statusResponse(false, backend.lastError());
+            return statusResponse(false, backend.lastError(), caller);
         lastPeer = peer;
-        return statusResponse(true, QString());
+        lastPeerOwner = caller;
+        return statusResponse(true, QString(), caller);
     }
 
-    return statusResponse(false, QStringLiteral("unknown command"));
+    return statusResponse(false, QStringLiteral("unknown command"), caller);
 }
 
-QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error) const
+QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error, uid_t caller) const
 {
     QJsonObject response{
         {QStringLiteral("ok"), ok},
         {QStringLiteral("status"), VpnServiceProtocol::statusToString(backend.status())},
         {QStringLiteral("error"), error.isEmpty() ? backend.lastError() : error},
     };
-    if (backend.status() == PlatformVpnBackend::Connected && !lastPeer.isEmpty())
+    if (backend.status() == PlatformVpnBackend::Connected && !lastPeer.isEmpty() &&
+        AccessPolicy::maySeeConnection(caller, lastPeerOwner))
         response.insert(QStringLiteral("peer"), lastPeer);
     return response;
 }
 
+// Never waits for the client: one that does not read its reply costs the
+// others nothing, and is closed when its time is up.
 void MacVpnServiceServer::writeResponse(QLocalSocket *socket, const QJsonObject &response)
 {
     const QByteArray bytes = VpnServiceProtocol::encodeMessage(response);
-    qInfo().noquote() << "[MacVpnServiceServer] response ="
-                      << LogMasking::messageLine(bytes.trimmed());
+    if (clientLog.allow())
+        qInfo().noquote() << "[MacVpnServiceServer] response ="
+                          << LogMasking::messageLine(bytes.trimmed());
     socket->write(bytes);
-    socket->waitForBytesWritten(ReplyWriteTimeoutMs);
+    clients.replySent(socket);
     socket->disconnectFromServer();
 }

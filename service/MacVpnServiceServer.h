@@ -1,11 +1,16 @@
 #pragma once
 
 #include "backend/MacVpnBackend.h"
+#include "service/AccessPolicy.h"
+#include "service/ClientConnections.h"
+#include "service/LogBudget.h"
 #include "service/ServiceListener.h"
 
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+
+#include <sys/types.h>
 
 class QLocalSocket;
 
@@ -27,12 +32,16 @@ public:
 private:
     void handleNewConnection();
     void handleReadyRead(QLocalSocket *socket);
-    QJsonObject handleRequest(const QJsonObject &request);
-    QJsonObject statusResponse(bool ok, const QString &error) const;
+    QJsonObject handleRequest(const QJsonObject &request, uid_t caller);
+    QJsonObject statusResponse(bool ok, const QString &error, uid_t caller) const;
     void writeResponse(QLocalSocket *socket, const QJsonObject &response);
 
     const QString path;
     ServiceListener localServer;
+    const AccessPolicy access;
     MacVpnBackend backend;
     QJsonObject lastPeer;
+    uid_t lastPeerOwner = 0; // who made the connect whose settings lastPeer holds
+    LogBudget clientLog;
+    ClientConnections clients;
 };

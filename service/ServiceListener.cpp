@@ -17,8 +17,12 @@ namespace {
 // Room for a burst of clients arriving together; the kernel caps it at its
 // own limit (kern.ipc.somaxconn on macOS).
 constexpr int ListenBacklog = 512;
-// While no descriptor can be had, accepting is retried at this pace.
-constexpr int ExhaustedRetryMs = 100;
+// While there is no room, accepting is retried at this pace.
+constexpr int FullRetryMs = 20;
+// Accepted at a time before the clients already in are read again: under a
+// flood, an honest client's request is read before a crowd of newcomers
+// can push it out.
+constexpr int AcceptBatch = 8;
 
 QString systemError()
 {
@@ -101,6 +105,12 @@ void ServiceListener::close()
         ::unlink(encoded.constData());
 }
 
+void ServiceListener::setAdmission(std::function<bool()> room, std::function<bool()> maker)
+{
+    roomForOneMore = std::move(room);
+    makeRoom = std::move(maker);
+}
+
 QLocalSocket *ServiceListener::nextPendingConnection()
 {
     return pending.isEmpty() ? nullptr : pending.takeFirst();
@@ -108,16 +118,24 @@ QLocalSocket *ServiceListener::nextPendingConnection()
 
 void ServiceListener::acceptPending()
 {
-    bool accepted = false;
-    bool retried = false;
-    while (fd >= 0) {
+    int accepted = 0;
+    const auto pause = [this] {
+        if (notifier)
+            notifier->setEnabled(false);
+        retry.start(FullRetryMs);
+    };
+    while (fd >= 0 && accepted < AcceptBatch) {
+        if (roomForOneMore && !roomForOneMore()) {
+            pause();
+            break;
+        }
         const int client = ::accept(fd, nullptr, nullptr);
         if (client >= 0) {
             ::fcntl(client, F_SETFD, FD_CLOEXEC);
             auto *socket = new QLocalSocket(this);
             socket->setSocketDescriptor(client);
             pending.append(socket);
-            accepted = true;
+            ++accepted;
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED)
@@ -125,16 +143,11 @@ void ServiceListener::acceptPending()
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             break;
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            // The connection waits in the queue. Once, ask for a descriptor to
-            // be freed; failing that, try again shortly rather than spin.
-            if (!retried) {
-                retried = true;
-                Q_EMIT descriptorsExhausted();
+            // The connection waits in the queue: take it once a descriptor is
+            // freed, and when none can be, try again shortly rather than spin.
+            if (makeRoom && makeRoom())
                 continue;
-            }
-            if (notifier)
-                notifier->setEnabled(false);
-            retry.start(ExhaustedRetryMs);
+            pause();
             break;
         }
         const QString reason = QStringLiteral("accept failed: %1").arg(systemError());
@@ -142,7 +155,7 @@ void ServiceListener::acceptPending()
         Q_EMIT lost(reason);
         return;
     }
-    if (accepted)
+    if (accepted > 0)
         Q_EMIT newConnection();
 }
 

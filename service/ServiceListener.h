@@ -7,6 +7,7 @@
 #include <QString>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 #include <sys/types.h>
 
@@ -24,15 +25,16 @@ public:
     ~ServiceListener() override;
 
     bool listen(const QString &path);
+    // Asked before each connection is taken, and again when descriptors run
+    // out: whether there is room for one more (making room if it can). Without
+    // room, connections wait in the kernel's queue and are tried again shortly.
+    void setAdmission(std::function<bool()> roomForOneMore, std::function<bool()> makeRoom);
     bool isAddressInUse() const { return addressInUse; }
     QString errorString() const { return error; }
     QLocalSocket *nextPendingConnection();
 
 Q_SIGNALS:
     void newConnection();
-    // Descriptors ran out while connections wait: a slot that frees one lets
-    // the next attempt succeed.
-    void descriptorsExhausted();
     // The socket file was removed or replaced, or the socket failed: nobody
     // can reach this instance any more.
     void lost(const QString &reason);
@@ -51,5 +53,7 @@ private:
     std::unique_ptr<QSocketNotifier> notifier;
     QFileSystemWatcher watcher;
     QTimer retry;
+    std::function<bool()> roomForOneMore;
+    std::function<bool()> makeRoom;
     QList<QLocalSocket *> pending;
 };

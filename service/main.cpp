@@ -1,5 +1,6 @@
 #include "backend/BackendConstants.h"
 #include "service/MacVpnServiceServer.h"
+#include "service/ResourceLimits.h"
 #include "service/TerminationSignals.h"
 
 #include <QCoreApplication>
@@ -16,6 +17,7 @@ int main(int argc, char *argv[])
     TerminationSignals termination;
     QObject::connect(&termination, &TerminationSignals::received, &app, &QCoreApplication::quit);
 
+    ResourceLimits::raiseDescriptorLimit();
     MacVpnServiceServer server;
     if (!server.start())
         return 1;

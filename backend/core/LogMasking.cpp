@@ -59,6 +59,21 @@ QString maskPatterns(QString text)
     return text.replace(connection, Mask).replace(key, Mask);
 }
 
+QString escaped(const QString &text)
+{
+    QString result;
+    result.reserve(text.size());
+    for (const QChar c : text) {
+        const auto category = c.category();
+        if (category == QChar::Other_Control || category == QChar::Separator_Line ||
+            category == QChar::Separator_Paragraph)
+            result += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        else
+            result += c;
+    }
+    return result;
+}
+
 } // namespace
 
 QString uapiText(const QString &text)
@@ -77,9 +92,9 @@ QString messageLine(const QByteArray &line)
 {
     const QJsonDocument document = QJsonDocument::fromJson(line);
     if (!document.isObject())
-        return maskPatterns(QString::fromUtf8(line));
-    return maskPatterns(QString::fromUtf8(
-        QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact)));
+        return escaped(maskPatterns(QString::fromUtf8(line)));
+    return escaped(maskPatterns(QString::fromUtf8(
+        QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact))));
 }
 
 } // namespace LogMasking

@@ -17,6 +17,8 @@ QString uapiText(const QString &text);
 QJsonObject clientConfig(const QJsonObject &config);
 // A request or reply line: the keys, client configurations and connection
 // strings anywhere inside it; a line that is not JSON is masked by pattern.
+// Whatever a client sent stays on one log line: control characters and line
+// separators are escaped, so no text of its can pass for a line of the log.
 QString messageLine(const QByteArray &line);
 
 } // namespace LogMasking

@@ -7,6 +7,8 @@
 #include <QFile>
 #include <QHostAddress>
 
+#include <unistd.h>
+
 FakeHost::FakeHost() : resolver(std::make_shared<Resolver>())
 {
     for (const char *sub : {"tools", "state", "run", "app"})
@@ -41,6 +43,9 @@ MacHostEnvironment FakeHost::environment() const
     env.runtimeDir = runtimeDir();
     env.hostsFile = hostsFile();
     env.journalDir = path(QStringLiteral("journal"));
+    // Whoever runs the test sits at the console.
+    env.consoleOwner = [] { return ::geteuid(); };
+    env.isAdministrator = [](uid_t) { return false; };
     env.applicationDir = appDir();
     const auto shared = resolver;
     env.lookupHost = [shared](const QString &name) {

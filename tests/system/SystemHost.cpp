@@ -8,11 +8,20 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonDocument>
 #include <QLocalSocket>
 #include <QThread>
 
 #include <csignal>
+#include <cstring>
+#include <grp.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/vfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -114,6 +123,16 @@ bool SystemHost::startDaemon(const QStringList &environment)
         env.insert(assignment.section(QLatin1Char('='), 0, 0),
                    assignment.section(QLatin1Char('='), 1));
     process.setProcessEnvironment(env);
+    const int soft = descriptors;
+    const bool fixed = fixedCeiling;
+    process.setChildProcessModifier([soft, fixed] {
+        if (soft <= 0)
+            return;
+        if (fixed)
+            ::prctl(PR_CAPBSET_DROP, CAP_SYS_RESOURCE, 0, 0, 0);
+        struct rlimit limit = {rlim_t(soft), fixed ? rlim_t(soft) : rlim_t(4096)};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    });
     process.setWorkingDirectory(QStringLiteral("/"));
     process.setStandardOutputFile(logPath, QIODevice::Append);
     process.setStandardErrorFile(logPath, QIODevice::Append);
@@ -132,6 +151,12 @@ bool SystemHost::startDaemon(const QStringList &environment)
             return false;
     }
     return false;
+}
+
+void SystemHost::limitDescriptors(int soft, bool fixed)
+{
+    descriptors = soft;
+    fixedCeiling = fixed;
 }
 
 int SystemHost::stopDaemon(int signalNumber)
@@ -156,6 +181,45 @@ QString SystemHost::daemonLog() const
 QByteArray SystemHost::rawRequest(const QByteArray &line, int timeoutMs) const
 {
     return exchangeRaw(VpnServiceProtocol::socketPath(), {line}, timeoutMs);
+}
+
+// Forked rather than run as a program, so the request travels exactly as
+// the tests build it; the child uses nothing but system calls.
+QJsonObject SystemHost::requestAs(uid_t uid, const QJsonObject &message) const
+{
+    const QByteArray line = VpnServiceProtocol::encodeMessage(message);
+    const QByteArray path = QFile::encodeName(VpnServiceProtocol::socketPath());
+    int pipeEnds[2];
+    if (::pipe(pipeEnds) != 0)
+        return QJsonObject();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(pipeEnds[0]);
+        if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0)
+            ::_exit(2);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+        if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+            ::write(fd, line.constData(), size_t(line.size())) != line.size())
+            ::_exit(3);
+        char buffer[65536];
+        ssize_t got = 0;
+        while ((got = ::read(fd, buffer, sizeof buffer)) > 0)
+            if (::write(pipeEnds[1], buffer, size_t(got)) != got)
+                ::_exit(4);
+        ::_exit(0);
+    }
+    ::close(pipeEnds[1]);
+    QByteArray reply;
+    char buffer[65536];
+    ssize_t got = 0;
+    while ((got = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0)
+        reply.append(buffer, got);
+    ::close(pipeEnds[0]);
+    ::waitpid(child, nullptr, 0);
+    return QJsonDocument::fromJson(reply.left(reply.indexOf('\n'))).object();
 }
 
 QJsonObject SystemHost::request(const QJsonObject &message, int timeoutMs) const

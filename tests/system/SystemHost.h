@@ -43,12 +43,17 @@ public:
         installTunnel();
         return startDaemon(environment);
     }
+    // The next start gives the daemon this many descriptors; with a fixed
+    // ceiling it also cannot raise them, root or not.
+    void limitDescriptors(int soft, bool fixedCeiling = false);
     // Sends SIGTERM and waits; returns the exit code.
     int stopDaemon(int signalNumber = 15);
     QProcess &daemon() { return process; }
     QString daemonLog() const;
 
     QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const;
+    // The same exchange from a process running as another user.
+    QJsonObject requestAs(uid_t uid, const QJsonObject &message) const;
     QByteArray rawRequest(const QByteArray &line, int timeoutMs = 60000) const;
 
     QByteArray stateBytes() const;
@@ -66,5 +71,7 @@ public:
 
 private:
     QProcess process;
+    int descriptors = 0;
+    bool fixedCeiling = false;
     QString logPath;
 };

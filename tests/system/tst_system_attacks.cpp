@@ -12,7 +12,10 @@
 #include <QTest>
 #include <QUdpSocket>
 
+#include <cstdio>
 #include <future>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -219,6 +222,135 @@ private Q_SLOTS:
         QVERIFY(host.daemonLog().contains("name lookup timed out \"one.unanswered.example\""));
         QVERIFY(host.calls("route").contains(
             QStringList{"-n", "add", "-host", "10.1.2.3", "-interface", "utun2"}));
+    }
+
+    // Any local user reaches the socket. Only root, the user at the console
+    // and administrators may command the service, and the connection's
+    // settings, private key included, go back to nobody else.
+    void otherUsersMayOnlyAskForStatus()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const QJsonObject request = connectRequest();
+        const QJsonObject connected = host.request(request);
+        QCOMPARE(connected.value("status").toString(), QStringLiteral("connected"));
+        const QByteArray state = host.stateBytes();
+        QCOMPARE(host.requestAs(65534, StatusRequest), reply(true, "connected"));
+        const QJsonObject refused =
+            reply(false, "connected", "Недостаточно прав для управления VPN");
+        QCOMPARE(host.requestAs(65534, DisconnectRequest), refused);
+        QCOMPARE(host.requestAs(65534, connectRequest(clientConfig({{"client_ip", "10.8.1.9"}}))),
+                 refused);
+        QCOMPARE(host.stateBytes(), state);
+        QVERIFY(host.daemonLog().contains("command refused \"disconnect\" uid= 65534"));
+        QCOMPARE(host.request(StatusRequest), connected); // root sees it all
+    }
+
+    void consoleUserAndAdministratorsMayCommand_data()
+    {
+        QTest::addColumn<bool>("console");
+        QTest::newRow("the user at the console") << true;
+        QTest::newRow("a member of admin") << false;
+    }
+
+    void consoleUserAndAdministratorsMayCommand()
+    {
+        REQUIRE_SANDBOX();
+        QFETCH(bool, console);
+        const uid_t user = console ? 501 : 502;
+        QFile console501("/tmp/console");
+        QVERIFY(console501.open(QIODevice::WriteOnly));
+        console501.close();
+        QCOMPARE(::chown("/tmp/console", 501, 20), 0);
+        QCOMPARE(::mount("/tmp/console", "/dev/console", nullptr, MS_BIND, nullptr), 0);
+        QFile group("/etc/group");
+        QVERIFY(group.open(QIODevice::Append));
+        group.write("admin:x:80:tester\n");
+        group.close();
+        QFile passwd("/etc/passwd");
+        QVERIFY(passwd.open(QIODevice::Append));
+        passwd.write("tester:x:502:502::/nonexistent:/usr/sbin/nologin\n");
+        passwd.close();
+
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        const QJsonObject request = connectRequest();
+        const QJsonObject connected = host.requestAs(user, request);
+        QCOMPARE(connected.value("status").toString(), QStringLiteral("connected"));
+        QCOMPARE(connected.value("peer").toObject(), request.value("peer").toObject());
+        QCOMPARE(host.requestAs(user, StatusRequest), connected);
+        QCOMPARE(host.requestAs(65534, StatusRequest), reply(true, "connected"));
+        QCOMPARE(host.requestAs(user, DisconnectRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stateBytes(), before);
+        ::umount("/dev/console");
+    }
+
+    // With the descriptors a macOS daemon gets, hundreds of clients that say
+    // nothing or never finish a line, and junk: an honest client is served
+    // within a second every time, and the socket stays the service's.
+    void floodOfClients()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.limitDescriptors(256);
+        QVERIFY(host.startDaemon());
+        const auto inode = [] {
+            struct stat info = {};
+            ::stat(QFile::encodeName(VpnServiceProtocol::socketPath()).constData(), &info);
+            return info.st_ino;
+        };
+        const ino_t before = inode();
+        QProcess load;
+        load.setProcessChannelMode(QProcess::MergedChannels);
+        load.start(SystemHost::binary("load_clients"),
+                   {"--seconds", "8", "--honest", "4", "--idle", "300", "--slow", "200", "--junk",
+                    "50", "--max-latency-ms", "1000", "--pid",
+                    QString::number(host.daemon().processId())});
+        QVERIFY(load.waitForFinished(60000));
+        std::fputs(load.readAll().constData(), stdout);
+        QCOMPARE(load.exitCode(), 0);
+        QCOMPARE(inode(), before);
+        QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stopDaemon(), 0);
+    }
+
+    // When descriptors run out altogether, the service keeps listening: the
+    // client that has waited longest without a request makes way.
+    void descriptorsRunningOut()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.limitDescriptors(40, true);
+        QVERIFY(host.startDaemon());
+        QProcess load;
+        load.setProcessChannelMode(QProcess::MergedChannels);
+        load.start(SystemHost::binary("load_clients"),
+                   {"--seconds", "4", "--honest", "2", "--idle", "100", "--slow", "0", "--junk",
+                    "0", "--max-latency-ms", "1000"});
+        QVERIFY(load.waitForFinished(60000));
+        std::fputs(load.readAll().constData(), stdout);
+        QCOMPARE(load.exitCode(), 0);
+        QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
+        QVERIFY(host.daemonLog().contains("client closed to make room"));
+        QCOMPARE(host.daemon().state(), QProcess::Running);
+    }
+
+    // Nothing a client sends can start a line of its own in the log.
+    void clientsCannotForgeLogLines()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const QString forged = "[MacVpnServiceServer] listening \"/private/tmp/FORGED\" euid= 0";
+        host.rawRequest("x\r" + forged.toUtf8() + "\u2028" + forged.toUtf8() + "\n");
+        host.request(hostileRequest({{"last", QJsonObject{{"Jc", "4\n" + forged}}}}));
+        QCOMPARE(host.stopDaemon(), 0);
+        const QString log = host.daemonLog();
+        QVERIFY(!log.contains(QChar('\r')) && !log.contains(QChar(0x2028)));
+        for (const QString &line : log.split('\n'))
+            QVERIFY2(!line.startsWith(forged), qPrintable(line));
     }
 };
 

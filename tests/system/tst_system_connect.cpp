@@ -334,11 +334,14 @@ private Q_SLOTS:
             socket->connectToServer(VpnServiceProtocol::socketPath());
             QVERIFY(socket->waitForConnected(1000));
         }
+        // Held still while both lines arrive, the daemon finds them together.
         QTest::qWait(100);
+        ::kill(pid_t(host.daemon().processId()), SIGSTOP);
         disconnecting.write(VpnServiceProtocol::encodeMessage(DisconnectRequest));
         connecting.write(VpnServiceProtocol::encodeMessage(request));
         disconnecting.flush();
         connecting.flush();
+        ::kill(pid_t(host.daemon().processId()), SIGCONT);
         QJsonObject replies[2];
         for (int i = 0; i < 2; ++i)
             VpnServiceProtocol::readMessage(i == 0 ? &disconnecting : &connecting, &replies[i],
