@@ -3,7 +3,9 @@
 #include "backend/MacHostEnvironment.h"
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/HostJournal.h"
+#include "backend/host/RouteMonitor.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QHostInfo>
 #include <QList>
@@ -56,6 +58,11 @@ public:
     void connectVpn(const ParsedVpnConfig &config) override;
     void connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer) override;
     void disconnectVpn() override;
+    // While connected: the interface, the endpoint, how long the tunnel has
+    // been up, and, asked of the tunnel program, the last handshake (seconds
+    // since the epoch, 0 for none) and the bytes received and sent. Nothing
+    // secret. False when the tunnel program did not answer.
+    bool refreshStatus(QVariantMap *details) override;
     void cleanup();
     // True from the start of a connect until it has returned, also when a
     // disconnect has cancelled it and it is still unwinding.
@@ -80,6 +87,8 @@ public:
     // Values derived from the client configuration.
     QString endpointHost(const ParsedVpnConfig &config) const;
     int endpointPort(const ParsedVpnConfig &config) const;
+    // Host and port as the configuration protocol writes them.
+    QString endpointOf(const ParsedVpnConfig &config) const;
     QString clientIpv4(const ParsedVpnConfig &config) const;
     QStringList allowedIps(const ParsedVpnConfig &config) const;
     QString hexKey(const QString &key) const;
@@ -137,6 +146,18 @@ private:
     void resolveNames();
     QHostInfo lookedUp(const QString &name) const;
 
+    QString uapiSocketPath() const;
+    // One exchange on the configuration socket without a log line: for the
+    // counters any caller may ask for.
+    QString uapiQuery(const QString &payload, int timeoutMs) const;
+
+    // Following the network while connected (backend/host/NetworkChange.cpp).
+    void followNetworkChange();
+    void moveGatewayRoutes(const QString &gateway);
+    void configureDnsOnNewServices();
+    QStringList enabledServices(const QString &listing) const;
+    void applyVpnDns(const QString &service, const QStringList &servers);
+
     void watchTunnelProcess();
     void drainTunnelOutput();
     void handleTunnelExit();
@@ -168,6 +189,10 @@ private:
     bool stoppingTunnel = false;
     qint64 tunnelOutputLogged = 0;
     QHash<QString, QHostInfo> resolvedNames;
+    RouteMonitor routeMonitor;
+    QStringList vpnDnsServers; // set on the network services while connected
+    QString tunnelEndpoint;
+    QElapsedTimer connectedClock;
 
     // A connect re-enters the event loop while it waits for the interface
     // name; these let a disconnect arriving then cancel it cleanly.

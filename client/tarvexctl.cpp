@@ -7,6 +7,7 @@
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
@@ -57,8 +58,10 @@ const char *const ConnectHelp =
     "  --only DEST...      send only these destinations through the tunnel\n"
     "  --exclude DEST...   send everything but these destinations through the tunnel\n";
 
-const char *const StatusHelp = "Usage: tarvexctl status\n\nShows the service's status, its last "
-                               "error and the settings of the current connection.\n";
+const char *const StatusHelp =
+    "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of "
+    "the current connection; while connected, also the interface, the endpoint, how long the "
+    "tunnel has been up, its last handshake and the bytes received and sent.\n";
 const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the "
                                    "service restores routes, DNS and /etc/hosts.\n";
 
@@ -127,6 +130,42 @@ void printReadable(const QJsonObject &reply)
                   << destinations.join(QLatin1String(", ")) << '\n';
         }
     }
+}
+
+QString amount(qint64 bytes)
+{
+    if (bytes < 1024)
+        return QStringLiteral("%1 B").arg(bytes);
+    if (bytes < 1024 * 1024)
+        return QStringLiteral("%1 KiB").arg(qRound(double(bytes) / 1024));
+    if (bytes < 1024LL * 1024 * 1024)
+        return QStringLiteral("%1 MiB").arg(double(bytes) / (1024 * 1024), 0, 'f', 1);
+    return QStringLiteral("%1 GiB").arg(double(bytes) / (1024 * 1024 * 1024), 0, 'f', 1);
+}
+
+QString duration(qint64 seconds)
+{
+    if (seconds < 60)
+        return QStringLiteral("%1 s").arg(seconds);
+    if (seconds < 3600)
+        return QStringLiteral("%1 min %2 s").arg(seconds / 60).arg(seconds % 60);
+    return QStringLiteral("%1 h %2 min").arg(seconds / 3600).arg(seconds % 3600 / 60);
+}
+
+void printDetails(const QJsonObject &details)
+{
+    out() << "interface " << details.value(QLatin1String("interface")).toString() << ", endpoint "
+          << details.value(QLatin1String("endpoint")).toString() << ", up "
+          << duration(details.value(QLatin1String("uptimeSeconds")).toInteger()) << '\n';
+    if (!details.contains(QLatin1String("lastHandshake")))
+        return; // the tunnel program did not answer
+    const qint64 handshake = details.value(QLatin1String("lastHandshake")).toInteger();
+    const qint64 age = QDateTime::currentSecsSinceEpoch() - handshake;
+    out() << (handshake == 0
+                  ? QStringLiteral("no handshake yet")
+                  : QStringLiteral("last handshake %1 ago").arg(duration(qMax(age, 0LL))))
+          << ", \u2193 " << amount(details.value(QLatin1String("receivedBytes")).toInteger())
+          << " \u2191 " << amount(details.value(QLatin1String("sentBytes")).toInteger()) << '\n';
 }
 
 int report(const ServiceReply &reply, bool json)
@@ -256,7 +295,18 @@ int runSimple(const char *command, const QStringList &args, bool json)
     const QJsonObject request{{QStringLiteral("command"), QLatin1String(command)}};
     if (qstrcmp(command, "disconnect") == 0)
         return report(exchangeWithProgress(request, ShortTimeoutMs, "disconnecting"), json);
-    return report(exchangeWithService(request, ShortTimeoutMs), json);
+    const ServiceReply status = exchangeWithService(request, ShortTimeoutMs);
+    const int code = report(status, json);
+    // While connected, how the tunnel is doing: a second reply line with --json.
+    if (status.message.value(QLatin1String("status")).toString() == QLatin1String("connected")) {
+        const ServiceReply details = exchangeWithService(
+            {{QStringLiteral("command"), QStringLiteral("details")}}, ShortTimeoutMs);
+        if (details.reached && json)
+            out() << QString::fromUtf8(details.line) << '\n';
+        else if (details.reached)
+            printDetails(details.message.value(QLatin1String("details")).toObject());
+    }
+    return code;
 }
 
 } // namespace

@@ -4,9 +4,15 @@
 #
 #   this namespace ("client")            namespace tarvex-server
 #   veth-c 192.168.77.2/24  <-------->   veth-s 192.168.77.1/24 (the gateway)
-#   default via 192.168.77.1             lo: 198.18.0.1 (WireGuard endpoint)
-#                                            198.18.0.53 (tarvex.com)
+#          fd78::2/64                           fd78::1/64
+#   default via 192.168.77.1             lo: 198.18.0.1, fd77::1 (WireGuard endpoint)
+#   default via fd78::1                      198.18.0.53 (tarvex.com)
 #   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24 (kernel or wireguard-go)
+#
+# realnet_second_uplink then plays the Mac joining another network: the
+# default route goes by a second link, and realnet_drop_first_uplink takes
+# the first one away.
+#   veth-c2 192.168.78.2/24 <-------->   veth-s2 192.168.78.1/24 (the new gateway)
 #
 # The endpoint is not on the shared link: the client reaches it through the
 # gateway, so without the daemon's endpoint route a full tunnel would loop.
@@ -14,6 +20,7 @@
 SERVER_NS=tarvex-server
 SERVER_TUNNEL_IP=10.77.0.1
 ENDPOINT=198.18.0.1
+ENDPOINT6=fd77::1
 CONTROL_PLANE=198.18.0.53
 export MACSIM_STATE_DIR=/var/lib/tarvex-sim
 
@@ -25,11 +32,38 @@ realnet_network() {
   ip addr add 192.168.77.2/24 dev veth-c
   ip link set veth-c up
   ip route add default via 192.168.77.1
+  ip addr add fd78::2/64 dev veth-c nodad
+  ip -6 route add default via fd78::1
   in_server ip link set lo up
   in_server ip addr add 192.168.77.1/24 dev veth-s
+  in_server ip addr add fd78::1/64 dev veth-s nodad
   in_server ip link set veth-s up
   in_server ip addr add "$ENDPOINT/32" dev lo
+  in_server ip addr add "$ENDPOINT6/128" dev lo
   in_server ip addr add "$CONTROL_PLANE/32" dev lo
+}
+
+realnet_second_uplink() {
+  ip link add veth-c2 type veth peer name veth-s2 netns "$SERVER_NS"
+  ip addr add 192.168.78.2/24 dev veth-c2
+  ip link set veth-c2 up
+  in_server ip addr add 192.168.78.1/24 dev veth-s2
+  in_server ip link set veth-s2 up
+  ip route replace default via 192.168.78.1 dev veth-c2
+}
+
+realnet_drop_first_uplink() {
+  ip link del veth-c
+}
+
+# The endpoint goes by the second uplink's gateway.
+realnet_endpoint_moved() {
+  ip route get "$ENDPOINT" | grep -q "via 192.168.78.1 dev veth-c2"
+}
+
+# The server now hears from us by the second uplink.
+realnet_server_sees_second_uplink() {
+  in_server wg show wg-srv endpoints | grep -q "192.168.78.2:"
 }
 
 realnet_server() {
@@ -69,15 +103,17 @@ realnet_client() {
   printf '%s\ttarvex.com\n' "$CONTROL_PLANE" >> /etc/hosts
 }
 
+# The connection string for the server; its endpoint may be given (the IPv6 one).
 realnet_connection_string() {
+  local endpoint=${1:-$ENDPOINT}
   cat <<JSON | "$BIN/vpn-string"
 {"containers":[{"container":"amnezia-wireguard","wireguard":{"last_config":{
    "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
    "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",
-   "hostName":"$ENDPOINT","port":51820,"mtu":"1420","persistent_keep_alive":"25",
+   "hostName":"$endpoint","port":51820,"mtu":"1420","persistent_keep_alive":"25",
    "allowed_ips":["0.0.0.0/0","::/0"]},"port":"51820","transport_proto":"udp"}}],
  "defaultContainer":"amnezia-wireguard","description":"Tarvex demo server",
- "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$ENDPOINT"}
+ "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$endpoint"}
 JSON
 }
 
@@ -103,6 +139,11 @@ realnet_snapshot() {
   echo "# ip -6 route"; ip -6 route show
   echo "# links"; ip -o link show | awk '{print $2}'
   echo "# DNS (simulated)"; sed -n '/"services"/,$p' "$MACSIM_STATE_DIR/host.json"
+}
+
+# Processor time the daemon has used, in milliseconds.
+realnet_daemon_cpu_ms() {
+  awk -v hz="$(getconf CLK_TCK)" '{print int(($14 + $15) * 1000 / hz)}' "/proc/$DAEMON_PID/stat"
 }
 
 realnet_handshake() {

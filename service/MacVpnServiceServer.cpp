@@ -163,6 +163,17 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
     if (command == QLatin1String("status"))
         return statusResponse(true, QString(), caller);
 
+    // How the tunnel is doing, for anyone: no keys, no connection string.
+    if (command == QLatin1String("details")) {
+        QJsonObject response = statusResponse(true, QString(), caller);
+        response.remove(QStringLiteral("peer"));
+        QVariantMap details;
+        backend.refreshStatus(&details);
+        if (!details.isEmpty())
+            response.insert(QStringLiteral("details"), QJsonObject::fromVariantMap(details));
+        return response;
+    }
+
     const bool commanding =
         command == QLatin1String("connect") || command == QLatin1String("disconnect");
     if (commanding && !access.mayCommand(caller)) {

@@ -8,6 +8,7 @@ MacVpnBackend::MacVpnBackend(MacHostEnvironment environment, QObject *parent)
     : PlatformVpnBackend(parent), host(std::move(environment)), journal(host.journalDir)
 {
     watchTunnelProcess();
+    connect(&routeMonitor, &RouteMonitor::settled, this, &MacVpnBackend::followNetworkChange);
 }
 
 MacVpnBackend::~MacVpnBackend()

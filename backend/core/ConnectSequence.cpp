@@ -64,6 +64,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
+    tunnelEndpoint = endpointOf(config);
     const QString setConfig = uapiSetConfig(config);
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") +
                              LogMasking::uapiText(setConfig);
@@ -95,6 +96,9 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         configureDns(config);
     flushDnsCache();
 
+    // The routes around the tunnel follow the Mac from network to network.
+    routeMonitor.start(host.routeTool);
+    connectedClock.start();
     qInfo() << "[MacVpnBackend] connected";
     setStatus(Connected);
     Q_EMIT connected();
@@ -123,6 +127,8 @@ void MacVpnBackend::disconnectVpn()
 void MacVpnBackend::cleanup()
 {
     qInfo() << "[MacVpnBackend] cleanup";
+    routeMonitor.stop();
+    vpnDnsServers.clear();
     restoreDns();
     removeRoutes();
     stopTunnelProcess();

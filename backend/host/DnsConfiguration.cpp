@@ -27,43 +27,69 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
     QString listing;
     if (!runCommand(host.networksetupTool, {ListServices}, &listing, nullptr, CommandTimeoutMs))
         return true;
+    vpnDnsServers = servers;
+    const QStringList services = enabledServices(listing);
+    for (const QString &service : services)
+        applyVpnDns(service, servers);
+    return true;
+}
 
+// Network services that appear while connected (a cable plugged in) get the
+// tunnel's DNS servers too, theirs saved like the others'.
+void MacVpnBackend::configureDnsOnNewServices()
+{
+    QString listing;
+    if (!runCommand(host.networksetupTool, {ListServices}, &listing, nullptr, CommandTimeoutMs))
+        return;
+    const QStringList services = enabledServices(listing);
+    for (const QString &service : services) {
+        if (!savedDnsServers.contains(service)) {
+            qInfo() << "[MacVpnBackend] new network service" << service;
+            applyVpnDns(service, vpnDnsServers);
+        }
+    }
+}
+
+QStringList MacVpnBackend::enabledServices(const QString &listing) const
+{
+    QStringList services;
     const QStringList lines = listing.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     for (const QString &line : lines) {
         const QString service = line.trimmed();
         // A leading asterisk marks a disabled service; the first line explains that.
-        if (service.isEmpty() || service.startsWith(QLatin1Char('*')) ||
-            service.startsWith(QLatin1String("An asterisk")))
-            continue;
-
-        QString current;
-        const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current,
-                                     nullptr, CommandTimeoutMs);
-        qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "="
-                          << current.trimmed();
-        // Servers we could not read could not be put back either: such a
-        // service keeps its own rather than losing them on disconnect.
-        if (!read) {
-            qWarning() << "[MacVpnBackend] DNS servers unreadable, service left alone" << service;
-            continue;
-        }
-
-        QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        if (saved.size() == 1 &&
-            saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
-            saved.clear();
-        // Recorded before the change, so that a crash cannot lose them.
-        savedDnsServers.insert(service, saved);
-        if (!saveJournal()) {
-            qWarning() << "[MacVpnBackend] DNS servers left alone: journal not written" << service;
-            savedDnsServers.remove(service);
-            continue;
-        }
-
-        runCommand(host.networksetupTool, QStringList{SetServers, service} + servers, nullptr,
-                   nullptr, CommandTimeoutMs);
+        if (!service.isEmpty() && !service.startsWith(QLatin1Char('*')) &&
+            !service.startsWith(QLatin1String("An asterisk")))
+            services.append(service);
     }
-    return true;
+    return services;
+}
+
+void MacVpnBackend::applyVpnDns(const QString &service, const QStringList &servers)
+{
+    QString current;
+    const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current, nullptr,
+                                 CommandTimeoutMs);
+    qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "=" << current.trimmed();
+    // Servers we could not read could not be put back either: such a
+    // service keeps its own rather than losing them on disconnect.
+    if (!read) {
+        qWarning() << "[MacVpnBackend] DNS servers unreadable, service left alone" << service;
+        return;
+    }
+
+    QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    if (saved.size() == 1 &&
+        saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
+        saved.clear();
+    // Recorded before the change, so that a crash cannot lose them.
+    savedDnsServers.insert(service, saved);
+    if (!saveJournal()) {
+        qWarning() << "[MacVpnBackend] DNS servers left alone: journal not written" << service;
+        savedDnsServers.remove(service);
+        return;
+    }
+    runCommand(host.networksetupTool, QStringList{SetServers, service} + servers, nullptr, nullptr,
+               CommandTimeoutMs);
 }
 
 void MacVpnBackend::restoreDns()

@@ -28,6 +28,16 @@ int MacVpnBackend::endpointPort(const ParsedVpnConfig &config) const
     return ok ? value : 0;
 }
 
+// An IPv6 address needs brackets to be told from the port.
+QString MacVpnBackend::endpointOf(const ParsedVpnConfig &config) const
+{
+    const QString host = endpointHost(config);
+    const QString bracketed = routeFamily(host) == QLatin1String("inet6")
+                                  ? QLatin1Char('[') + host + QLatin1Char(']')
+                                  : host;
+    return bracketed + QLatin1Char(':') + QString::number(endpointPort(config));
+}
+
 QString MacVpnBackend::clientIpv4(const ParsedVpnConfig &config) const
 {
     const QString address = config.lastConfig.value(QLatin1String("client_ip")).toString();

@@ -9,6 +9,51 @@
 namespace {
 
 constexpr int UapiTimeoutMs = 5000;
+// A reply is a few lines; the tunnel program does not get to fill memory.
+constexpr qsizetype MaxReplyBytes = 1024 * 1024;
+
+struct Exchange
+{
+    QString reply;
+    QString connectError; // set when the socket did not connect
+    QString writeError;   // set when the request could not be written
+};
+
+// One request and its reply over a fresh connection to the socket.
+Exchange exchange(const QString &socketPath, const QString &payload, int timeoutMs)
+{
+    Exchange result;
+    QLocalSocket socket;
+    socket.connectToServer(socketPath, QIODevice::ReadWrite);
+    if (!socket.waitForConnected(timeoutMs)) {
+        result.connectError = socket.errorString();
+        return result;
+    }
+
+    QByteArray request = payload.toUtf8();
+    while (!request.endsWith("\n\n"))
+        request += '\n';
+    socket.write(request);
+    if (!socket.waitForBytesWritten(timeoutMs)) {
+        result.writeError = socket.errorString();
+        return result;
+    }
+
+    QByteArray buffer;
+    QElapsedTimer clock;
+    clock.start();
+    while (!buffer.contains("\n\n") && clock.elapsed() < timeoutMs &&
+           buffer.size() < MaxReplyBytes) {
+        if (socket.waitForReadyRead(100))
+            buffer += socket.readAll();
+        else if (socket.state() != QLocalSocket::ConnectedState)
+            break; // the peer hung up: nothing more can arrive
+    }
+    if (buffer.size() < MaxReplyBytes)
+        buffer += socket.readAll();
+    result.reply = QString::fromUtf8(buffer).trimmed();
+    return result;
+}
 
 } // namespace
 
@@ -19,38 +64,28 @@ QString MacVpnBackend::uapiCommand(const QString &payload)
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n") +
                              LogMasking::uapiText(payload);
 
-    QLocalSocket socket;
-    socket.connectToServer(QDir(runtimeDir).filePath(tunnelInterface + QLatin1String(".sock")),
-                           QIODevice::ReadWrite);
-    if (!socket.waitForConnected(UapiTimeoutMs)) {
-        qWarning() << "[MacVpnBackend] uapi socket connect failed" << socket.errorString();
+    const Exchange done = exchange(uapiSocketPath(), payload, UapiTimeoutMs);
+    if (!done.connectError.isEmpty()) {
+        qWarning() << "[MacVpnBackend] uapi socket connect failed" << done.connectError;
         return QString();
     }
-
-    QByteArray request = payload.toUtf8();
-    while (!request.endsWith("\n\n"))
-        request += '\n';
-    socket.write(request);
-    if (!socket.waitForBytesWritten(UapiTimeoutMs)) {
-        qWarning() << "[MacVpnBackend] uapi write failed" << socket.errorString();
+    if (!done.writeError.isEmpty()) {
+        qWarning() << "[MacVpnBackend] uapi write failed" << done.writeError;
         return QString();
     }
-
-    QByteArray buffer;
-    QElapsedTimer clock;
-    clock.start();
-    while (!buffer.contains("\n\n") && clock.elapsed() < UapiTimeoutMs) {
-        if (socket.waitForReadyRead(100))
-            buffer += socket.readAll();
-        else if (socket.state() != QLocalSocket::ConnectedState)
-            break; // the peer hung up: nothing more can arrive
-    }
-    buffer += socket.readAll();
-
-    const QString reply = QString::fromUtf8(buffer).trimmed();
     qInfo() << "[MacVpnBackend] uapiCommand finished"
-            << "reply_length=" << reply.size();
-    return reply;
+            << "reply_length=" << done.reply.size();
+    return done.reply;
+}
+
+QString MacVpnBackend::uapiSocketPath() const
+{
+    return QDir(runtimeDir).filePath(tunnelInterface + QLatin1String(".sock"));
+}
+
+QString MacVpnBackend::uapiQuery(const QString &payload, int timeoutMs) const
+{
+    return exchange(uapiSocketPath(), payload, timeoutMs).reply;
 }
 
 int MacVpnBackend::uapiErrno(const QString &reply) const

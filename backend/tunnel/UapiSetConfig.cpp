@@ -37,12 +37,7 @@ QString MacVpnBackend::uapiSetConfig(const ParsedVpnConfig &config) const
     const QString presharedKey = stringMember(client, "psk_key");
     if (!presharedKey.isEmpty())
         line(QStringLiteral("preshared_key"), hexKey(presharedKey));
-    // An IPv6 address needs brackets to be told from the port.
-    const QString endpoint = endpointHost(config);
-    line(QStringLiteral("endpoint"), (routeFamily(endpoint) == QLatin1String("inet6")
-                                          ? QLatin1Char('[') + endpoint + QLatin1Char(']')
-                                          : endpoint) +
-                                         QLatin1Char(':') + QString::number(endpointPort(config)));
+    line(QStringLiteral("endpoint"), endpointOf(config));
     text += QLatin1String("replace_allowed_ips=true\n");
     const QJsonValue keepAlive = client.value(QLatin1String("persistent_keep_alive"));
     line(QStringLiteral("persistent_keepalive_interval"),

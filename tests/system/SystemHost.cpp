@@ -74,6 +74,8 @@ SystemHost::SystemHost()
     QFile::copy(binary(QStringLiteral("TarvexVpnService")),
                 QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
     removeTunnel();
+    QDir(QStringLiteral("/Library/Application Support/Tarvex/VpnService/Journal"))
+        .removeRecursively();
     QFile::remove(QStringLiteral("/var/run/tarvex-amneziawg")); // a link
     QDir(QStringLiteral("/var/run/tarvex-amneziawg")).removeRecursively();
     QFile::remove(VpnServiceProtocol::socketPath());
@@ -86,9 +88,10 @@ SystemHost::SystemHost()
     QFile::remove(logPath);
 }
 
+// Stopped in order, so that the next test starts without a journal to undo.
 SystemHost::~SystemHost()
 {
-    if (process.state() != QProcess::NotRunning) {
+    if (process.state() != QProcess::NotRunning && stopDaemon() < 0) {
         process.kill();
         process.waitForFinished(5000);
     }

@@ -36,11 +36,18 @@ private Q_SLOTS:
         QVERIFY(connect.out.contains("status: connected"));
         QVERIFY(connect.err.contains("connecting"));
 
+        // The status reply line as it came, then the details reply line.
         const CtlRun status = runTarvexctl({"--json", "status"});
         QCOMPARE(status.exitCode, 0);
-        const QJsonObject reply = QJsonDocument::fromJson(status.out.toUtf8()).object();
+        const QStringList lines = status.out.split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 2);
+        const QJsonObject reply = QJsonDocument::fromJson(lines[0].toUtf8()).object();
         QCOMPARE(reply.value("status").toString(), QStringLiteral("connected"));
         QCOMPARE(reply.value("peer").toObject().value("config").toString(), connectionString);
+        const QJsonObject details = QJsonDocument::fromJson(lines[1].toUtf8()).object();
+        QCOMPARE(details.value("details").toObject().value("interface").toString(),
+                 QStringLiteral("utun2"));
+        QVERIFY(!details.contains("peer"));
 
         const CtlRun readable = runTarvexctl({"status"});
         QVERIFY(readable.out.contains(

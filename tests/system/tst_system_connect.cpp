@@ -1,6 +1,8 @@
 #include "Requests.h"
+#include "SimHost.h"
 #include "SystemHost.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -240,6 +242,70 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
     }
 
+    // The Mac loses its network, then joins another one and gets a cable
+    // plugged in, all while connected.
+    void followsChangesOfNetwork()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const auto changeNetwork = [](QJsonObject state, bool gone) {
+            QJsonArray routes;
+            for (const QJsonValue &route : state.value("routes").toArray()) {
+                if (route.toObject().value("destination") != "default" ||
+                    route.toObject().value("family") != "inet")
+                    routes.append(route);
+            }
+            if (!gone)
+                routes.append(QJsonObject{{"family", "inet"},
+                                          {"destination", "default"},
+                                          {"type", "-net"},
+                                          {"gateway", "10.0.0.1"},
+                                          {"interface", "en5"}});
+            state.insert("routes", routes);
+            QJsonArray services = state.value("services").toArray();
+            if (!gone)
+                services.append(QJsonObject{
+                    {"name", "USB LAN"}, {"enabled", true}, {"dns", QJsonArray{"10.0.0.53"}}});
+            state.insert("services", services);
+            return state;
+        };
+        const QJsonObject elsewhere = changeNetwork(host.state(), false);
+        QCOMPARE(
+            connectWith(host, clientConfig(), 2, {"203.0.113.0/24"}).value("status").toString(),
+            QStringLiteral("connected"));
+
+        // The monitor, killed, is started again.
+        const auto killMonitor = [] {
+            for (const QString &pid : QDir("/proc").entryList(QDir::Dirs)) {
+                QFile command("/proc/" + pid + "/cmdline");
+                if (command.open(QIODevice::ReadOnly) &&
+                    command.readAll().split('\0') ==
+                        QList<QByteArray>{"/sbin/route", "-n", "monitor", ""})
+                    return ::kill(pid.toInt(), SIGKILL) == 0;
+            }
+            return false;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(killMonitor(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            host.daemonLog().contains("route monitor exited; starting it again"), 5000);
+        QTest::qWait(1500);
+        host.writeState(changeNetwork(host.state(), true));
+        QTRY_VERIFY_WITH_TIMEOUT(host.daemonLog().contains("routes kept"), 5000);
+        QVERIFY(hasRoute(host.state(), "203.0.113.5", "192.168.1.1"));
+
+        host.writeState(changeNetwork(host.state(), false));
+        for (const char *moved : {"203.0.113.5", "198.51.100.10", "203.0.113.0/24"})
+            QTRY_VERIFY2_WITH_TIMEOUT(hasRoute(host.state(), moved, "10.0.0.1"), moved, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(dnsOf(host.state(), "USB LAN"),
+                                  (QStringList{"1.1.1.1", "1.0.0.1"}), 5000);
+        QVERIFY(host.daemonLog().contains(
+            "[MacVpnBackend] default gateway changed \"192.168.1.1\" -> \"10.0.0.1\""));
+
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stateBytes(), SimHost::serialise(elsewhere));
+    }
+
     void dnsFailureDoesNotStopConnect()
     {
         REQUIRE_SANDBOX();
@@ -394,7 +460,13 @@ private Q_SLOTS:
                                        .split(' ')
                                        .value(0)
                                        .toLongLong();
-        QVERIFY2(residentKiB > 0 && residentKiB < 100 * 1024,
+        // Left unread, the output grew the service by gigabytes in seconds.
+#ifdef __SANITIZE_ADDRESS__
+        const qint64 boundKiB = 600 * 1024; // the sanitizer keeps freed memory for a while
+#else
+        const qint64 boundKiB = 100 * 1024;
+#endif
+        QVERIFY2(residentKiB > 0 && residentKiB < boundKiB,
                  qPrintable(QString::number(residentKiB)));
         QVERIFY(host.daemonLog().size() < 2 * 1024 * 1024);
     }

@@ -56,3 +56,6 @@ Result simulatedNetworksetup(QJsonObject &host, QStringList args);
 
 Result appliedRoute(const RouteCommand &command);
 Result appliedIfconfig(const IfconfigCommand &command);
+
+// "route -n monitor", until its reader or its caller goes away.
+int routeMonitor(const QString &stateDir);

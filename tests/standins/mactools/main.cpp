@@ -76,6 +76,8 @@ int main(int argc, char *argv[])
         return 0;
     }
 
+    const bool monitor = tool == QLatin1String("route") &&
+                         args.filter(QStringLiteral("monitor")).size() == 1 && args.size() <= 2;
     Result result;
     bool hang = false;
     QString kill;
@@ -94,11 +96,13 @@ int main(int argc, char *argv[])
                       QString()};
         else if (fault == QLatin1String("hang"))
             hang = true;
-        else
+        else if (!monitor)
             result = run(tool, args, dir);
     }
     if (!kill.isEmpty())
         ::kill(::getppid(), SIGKILL);
+    if (monitor && result.code == 0 && result.out.isEmpty())
+        return routeMonitor(dir);
     if (hang) {
         QThread::sleep(30); // well past every time-out of the service
         return 0;
