@@ -1,7 +1,8 @@
 #include "backend/BackendConstants.h"
+#include "service/LogFile.h"
 #include "service/MacVpnServiceServer.h"
 #include "service/ResourceLimits.h"
-#include "service/TerminationSignals.h"
+#include "service/ServiceSignals.h"
 
 #include <QCoreApplication>
 
@@ -14,8 +15,11 @@ int main(int argc, char *argv[])
 
     // Installed before the server exists, so a stop request during start-up
     // still ends in an orderly way once the event loop runs.
-    TerminationSignals termination;
-    QObject::connect(&termination, &TerminationSignals::received, &app, &QCoreApplication::quit);
+    ServiceSignals serviceSignals;
+    QObject::connect(&serviceSignals, &ServiceSignals::stopRequested, &app,
+                     &QCoreApplication::quit);
+    LogFile log;
+    QObject::connect(&serviceSignals, &ServiceSignals::logRotated, &app, [&log] { log.reopen(); });
 
     ResourceLimits::raiseDescriptorLimit();
     MacVpnServiceServer server;

@@ -39,9 +39,6 @@ void RouteMonitor::start(const QString &routeTool)
     restarts = 0;
     running = true;
     launch();
-    // A change between the routes being set and the monitor starting would
-    // go unseen: one look once it runs.
-    settle.start();
 }
 
 void RouteMonitor::stop()
@@ -63,6 +60,9 @@ void RouteMonitor::launch()
 {
     qInfo() << "[MacVpnBackend] route monitor" << program;
     process.start(program, {QStringLiteral("-n"), QStringLiteral("monitor")}, QIODevice::ReadOnly);
+    // A change made before the monitor runs (since the routes were set, or
+    // while it was down) would go unseen: one look once it does.
+    settle.start();
 }
 
 void RouteMonitor::readEvents()

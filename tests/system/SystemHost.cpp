@@ -156,6 +156,14 @@ bool SystemHost::startDaemon(const QStringList &environment)
     return false;
 }
 
+void SystemHost::waitForKill()
+{
+    if (!process.waitForFinished(10000)) {
+        ::kill(pid_t(process.processId()), SIGKILL);
+        process.waitForFinished(5000);
+    }
+}
+
 void SystemHost::limitDescriptors(int soft, bool fixed)
 {
     descriptors = soft;

@@ -46,6 +46,10 @@ public:
     // The next start gives the daemon this many descriptors; with a fixed
     // ceiling it also cannot raise them, root or not.
     void limitDescriptors(int soft, bool fixedCeiling = false);
+    // Waits for the daemon to end; one still running after that is killed
+    // (SIGKILL). The monitor's own look after a connect makes the count of
+    // commands vary, so a kill point may come after the last one.
+    void waitForKill();
     // Sends SIGTERM and waits; returns the exit code.
     int stopDaemon(int signalNumber = 15);
     QProcess &daemon() { return process; }

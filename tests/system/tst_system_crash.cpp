@@ -80,7 +80,7 @@ private Q_SLOTS:
             host->killDaemonAt(host->calls().size() + step);
             if (host->request(everything()).value("ok").toBool())
                 host->request(DisconnectRequest);
-            QVERIFY(host->daemon().waitForFinished(10000));
+            host->waitForKill();
             const QString what = QStringLiteral("killed after step %1 of %2").arg(step).arg(steps);
             verifyRestored(what);
             host->request(DisconnectRequest);

@@ -117,7 +117,7 @@ private Q_SLOTS:
             } else if (scenario == Kill) {
                 if (host.request(request).value("ok").toBool())
                     host.request(DisconnectRequest);
-                QVERIFY2(host.daemon().waitForFinished(10000), context.constData());
+                host.waitForKill();
                 if (killAgain) {
                     host.killDaemonAt(host.calls().size() + 1 + qsizetype(random.bounded(4)));
                     host.startDaemon(); // may die in the middle of its undo

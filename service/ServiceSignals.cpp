@@ -1,4 +1,4 @@
-#include "service/TerminationSignals.h"
+#include "service/ServiceSignals.h"
 
 #include <QDebug>
 
@@ -12,7 +12,7 @@ namespace {
 // The handler may only do async-signal-safe work: it writes the signal number
 // into a socket pair that the event loop watches.
 int pipeEnds[2] = {-1, -1};
-constexpr int HandledSignals[] = {SIGTERM, SIGINT, SIGHUP};
+constexpr int HandledSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGUSR1};
 
 void forwardSignal(int signalNumber)
 {
@@ -22,16 +22,16 @@ void forwardSignal(int signalNumber)
 
 } // namespace
 
-TerminationSignals::TerminationSignals(QObject *parent) : QObject(parent)
+ServiceSignals::ServiceSignals(QObject *parent) : QObject(parent)
 {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pipeEnds) != 0) {
-        qWarning() << "[TerminationSignals] socketpair failed; signals end the process at once";
+        qWarning() << "[ServiceSignals] socketpair failed; signals end the process at once";
         return;
     }
     for (const int end : pipeEnds)
         ::fcntl(end, F_SETFL, O_NONBLOCK);
     notifier = std::make_unique<QSocketNotifier>(pipeEnds[1], QSocketNotifier::Read);
-    connect(notifier.get(), &QSocketNotifier::activated, this, &TerminationSignals::drain);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &ServiceSignals::drain);
 
     struct sigaction action = {};
     action.sa_handler = forwardSignal;
@@ -41,7 +41,7 @@ TerminationSignals::TerminationSignals(QObject *parent) : QObject(parent)
         ::sigaction(signalNumber, &action, nullptr);
 }
 
-TerminationSignals::~TerminationSignals()
+ServiceSignals::~ServiceSignals()
 {
     for (const int signalNumber : HandledSignals)
         std::signal(signalNumber, SIG_DFL);
@@ -53,11 +53,14 @@ TerminationSignals::~TerminationSignals()
     }
 }
 
-void TerminationSignals::drain()
+void ServiceSignals::drain()
 {
     unsigned char byte = 0;
     while (::read(pipeEnds[1], &byte, 1) == 1) {
-        qInfo() << "[TerminationSignals] received signal" << int(byte);
-        Q_EMIT received(byte);
+        qInfo() << "[ServiceSignals] received signal" << int(byte);
+        if (byte == SIGUSR1)
+            Q_EMIT logRotated();
+        else
+            Q_EMIT stopRequested();
     }
 }
