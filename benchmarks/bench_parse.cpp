@@ -1,7 +1,6 @@
 // Prints how many connection strings per second one thread parses: a typical
 // 2-3 KB string and a 64 KB one.
 #include "ClientConfig.h"
-#include "ConnectionString.h"
 
 #include "config/VpnConfigParser.h"
 

@@ -1,9 +1,9 @@
 // Prints the throughput and latency of "status" round trips over the service
 // socket: one client after another, then 50 clients at once.
 #include "FakeHost.h"
-#include "ServerThread.h"
 
 #include "protocol/VpnServiceProtocol.h"
+#include "service/MacVpnServiceServer.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -46,24 +46,17 @@ void print(const char *label, std::vector<qint64> latencies, qint64 wallMs, int 
                 double(at(0.50)) / 1000.0, double(at(0.99)) / 1000.0, failures);
 }
 
-} // namespace
-
-int main(int argc, char *argv[])
+// The measuring runs on a thread of its own while the server runs on the
+// main thread's event loop, as in the daemon.
+void measure(const QString &path)
 {
-    QCoreApplication app(argc, argv);
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    FakeHost host;
-    ServerThread server(host.path(QStringLiteral("service.sock")), host.environment());
-    if (!server.startServing())
-        return 1;
-
     constexpr int Sequential = 5000;
     std::vector<qint64> latencies;
     int failures = 0;
     QElapsedTimer wall;
     wall.start();
     for (int i = 0; i < Sequential; ++i) {
-        const qint64 us = roundTrip(server.socketPath());
+        const qint64 us = roundTrip(path);
         us < 0 ? ++failures : (latencies.push_back(us), 0);
     }
     print("sequential", latencies, wall.elapsed(), failures);
@@ -77,7 +70,7 @@ int main(int argc, char *argv[])
     for (int c = 0; c < Clients; ++c) {
         threads.emplace_back([&, c] {
             for (int i = 0; i < PerClient; ++i) {
-                const qint64 us = roundTrip(server.socketPath());
+                const qint64 us = roundTrip(path);
                 us < 0 ? ++clientFailures[size_t(c)] : (perClient[size_t(c)].push_back(us), 0);
             }
         });
@@ -91,5 +84,24 @@ int main(int argc, char *argv[])
     for (int f : clientFailures)
         totalFailures += f;
     print("50 concurrent clients", all, wall.elapsed(), totalFailures);
-    return 0;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    FakeHost host;
+    const QString path = host.path(QStringLiteral("service.sock"));
+    MacVpnServiceServer server(path, host.environment());
+    if (!server.start())
+        return 1;
+    std::thread measuring([&path] {
+        measure(path);
+        QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit);
+    });
+    const int code = app.exec();
+    measuring.join();
+    return code;
 }

@@ -103,10 +103,26 @@ realnet_client() {
   printf '%s\ttarvex.com\n' "$CONTROL_PLANE" >> /etc/hosts
 }
 
+# The vpn:// string for the JSON document on standard input, encoded as the
+# product's server side does: qCompress (a big-endian length, then zlib), then
+# URL-safe Base64 without padding; a "last_config" object becomes JSON text.
+vpn_string() {
+  python3 -c '
+import base64, json, struct, sys, zlib
+document = json.load(sys.stdin)
+for container in document.get("containers", []):
+    for protocol in container.values():
+        if isinstance(protocol, dict) and isinstance(protocol.get("last_config"), dict):
+            protocol["last_config"] = json.dumps(protocol["last_config"], separators=(",", ":"))
+text = json.dumps(document, separators=(",", ":")).encode()
+packed = struct.pack(">I", len(text)) + zlib.compress(text)
+print("vpn://" + base64.urlsafe_b64encode(packed).decode().rstrip("="))'
+}
+
 # The connection string for the server; its endpoint may be given (the IPv6 one).
 realnet_connection_string() {
   local endpoint=${1:-$ENDPOINT}
-  cat <<JSON | "$BIN/vpn-string"
+  cat <<JSON | vpn_string
 {"containers":[{"container":"amnezia-wireguard","wireguard":{"last_config":{
    "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
    "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",

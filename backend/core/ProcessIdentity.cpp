@@ -1,7 +1,6 @@
 #include "backend/core/ProcessIdentity.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #ifdef Q_OS_MACOS
 #include <libproc.h>
@@ -19,14 +18,8 @@ QString of(qint64 pid)
         proc_pidinfo(int(pid), PROC_PIDTBSDINFO, 0, &info, sizeof info) != int(sizeof info) ||
         info.pbi_status == SZOMB)
         return QString();
-    char path[PROC_PIDPATHINFO_MAXSIZE] = {};
-    if (proc_pidpath(int(pid), path, sizeof path) <= 0)
-        return QString();
     // The start time is absolute, so it also tells one boot from the next.
-    return QStringLiteral("start=%1.%2 exe=%3")
-        .arg(info.pbi_start_tvsec)
-        .arg(info.pbi_start_tvusec)
-        .arg(QString::fromLocal8Bit(path));
+    return QStringLiteral("start=%1.%2").arg(info.pbi_start_tvsec).arg(info.pbi_start_tvusec);
 }
 
 #else
@@ -55,10 +48,9 @@ QString of(qint64 pid)
     // state is the first field after the name, starttime the twentieth.
     if (fields.size() < 20 || fields[0] == "Z" || fields[0] == "X")
         return QString();
-    const QString program = QFileInfo(proc + QLatin1String("/exe")).symLinkTarget();
     const QByteArray boot = readAll(QStringLiteral("/proc/sys/kernel/random/boot_id")).trimmed();
-    return QStringLiteral("boot=%1 start=%2 exe=%3")
-        .arg(QString::fromLatin1(boot), QString::fromLatin1(fields[19]), program);
+    return QStringLiteral("boot=%1 start=%2")
+        .arg(QString::fromLatin1(boot), QString::fromLatin1(fields[19]));
 }
 
 #endif

@@ -95,10 +95,11 @@ int MacVpnBackend::uapiErrno(const QString &reply) const
         const int separator = line.indexOf(QLatin1Char('='));
         if (separator <= 0)
             continue;
+        // An error number that is no number is a broken reply, not a success.
         if (QStringView(line).left(separator) == QLatin1String("errno")) {
             bool ok = false;
             const int value = QStringView(line).mid(separator + 1).toInt(&ok, 10);
-            return ok ? value : 0;
+            return ok ? value : -1;
         }
     }
     return -1;

@@ -1,7 +1,6 @@
 // The client's local work: parsing, input sources, usage and help. Talking to
 // the daemon is covered by the system tests.
 #include "ClientConfig.h"
-#include "ConnectionString.h"
 #include "Tarvexctl.h"
 
 #include <QJsonDocument>

@@ -1,39 +1,23 @@
-#include "ConnectionString.h"
-#include "LogCapture.h"
+// The connection-string parser: every layer of the string, the choice of
+// container and protocol, the client configuration, and what a failed parse
+// keeps, each with the message the user sees.
+#include "ClientConfig.h"
 
 #include "config/VpnConfigParser.h"
+#include "protocol/VpnServiceProtocol.h"
 
 #include <QElapsedTimer>
 #include <QTest>
 
 namespace {
 
-const QString Empty = "Конфигурация соединения пустая";
-const QString Undecodable = "Не удалось декодировать VPN-конфигурацию";
-const QString Uncompressable = "Не удалось распаковать VPN-конфигурацию";
-const QString BadFormat = "VPN-конфигурация имеет неверный формат";
-const QString NoContainers = "В VPN-конфигурации нет контейнеров";
-const QString NoContainer = "Контейнер VPN-конфигурации не найден";
-const QString NoProtocol = "Протокол VPN-конфигурации не найден";
-const QString NoProtocolSettings = "Настройки протокола VPN-конфигурации не найдены";
-const QString NoClientConfig = "В VPN-конфигурации нет client-конфига";
-const QString BadClientConfig = "Client-конфиг VPN имеет неверный формат";
+const QJsonObject Client{{"client_ip", "10.8.1.2/32"}, {"hostName", "198.51.100.1"}};
+const QString ClientText = QJsonDocument(Client).toJson(QJsonDocument::Compact);
 
-const QJsonObject Client{
-    {"client_ip", "10.8.1.2/32"}, {"hostName", "198.51.100.1"}, {"port", 51820}};
-
-QString lastConfigText(const QJsonObject &client = Client)
+QJsonObject container(const QString &name, const QString &protocol,
+                      const QJsonValue &lastConfig = ClientText)
 {
-    return QString::fromUtf8(QJsonDocument(client).toJson(QJsonDocument::Compact));
-}
-
-QJsonObject container(const QString &name, const QString &protocol = QString(),
-                      const QJsonObject &settings = {{"last_config", lastConfigText()}})
-{
-    QJsonObject object{{"container", name}};
-    if (!protocol.isEmpty())
-        object.insert(protocol, settings);
-    return object;
+    return {{"container", name}, {protocol, QJsonObject{{"last_config", lastConfig}}}};
 }
 
 QJsonObject document(const QJsonArray &containers, const QString &defaultContainer = QString())
@@ -47,11 +31,6 @@ QJsonObject document(const QJsonArray &containers, const QString &defaultContain
     return doc;
 }
 
-VpnConfigParseResult parse(const QJsonObject &doc)
-{
-    return VpnConfigParser::parseConfig(encodeConnectionString(doc));
-}
-
 } // namespace
 
 class TestParser : public QObject
@@ -61,7 +40,6 @@ class TestParser : public QObject
 private Q_SLOTS:
     void parsesTypicalString()
     {
-        LogCapture log;
         const QJsonObject doc = awgDocument(Client);
         const VpnConfigParseResult result =
             VpnConfigParser::parseConfig(encodeConnectionString(doc));
@@ -69,196 +47,171 @@ private Q_SLOTS:
         QCOMPARE(result.errorMessage, QString());
         QCOMPARE(result.rootObject, doc);
         QCOMPARE(result.config.rawConfig, doc);
-        QCOMPARE(result.config.defaultContainer, QStringLiteral("amnezia-awg"));
-        QCOMPARE(result.config.container, QStringLiteral("amnezia-awg"));
-        QCOMPARE(result.config.protocolName, QStringLiteral("awg"));
+        QCOMPARE(result.config.defaultContainer, "amnezia-awg");
+        QCOMPARE(result.config.container, "amnezia-awg");
+        QCOMPARE(result.config.protocolName, "awg");
+        QCOMPARE(result.config.protocolConfig.value("port").toString(), "51820");
         QCOMPARE(result.config.lastConfig, Client);
-        QCOMPARE(result.config.lastConfigRaw, lastConfigText());
-        QCOMPARE(result.config.hostName, QStringLiteral("203.0.113.5"));
-        QCOMPARE(result.config.dns1, QStringLiteral("1.1.1.1"));
-        QCOMPARE(result.config.dns2, QStringLiteral("1.0.0.1"));
-        QVERIFY(log.lines().isEmpty()); // success writes no log
+        QCOMPARE(result.config.lastConfigRaw, ClientText);
+        QCOMPARE(result.config.hostName, "203.0.113.5");
+        QCOMPARE(result.config.dns1, "1.1.1.1");
+        QCOMPARE(result.config.dns2, "1.0.0.1");
     }
 
-    void outerLayers_data()
-    {
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<QString>("message");
-        const QString valid = encodeConnectionString(awgDocument(Client), false);
-        QTest::newRow("empty") << QString() << Empty;
-        QTest::newRow("blanks and line breaks") << " \n\t \r\n" << Empty;
-        QTest::newRow("prefix only") << "vpn://" << Undecodable;
-        QTest::newRow("outside alphabet") << "vpn://!!! @@@ ***" << Undecodable;
-        QTest::newRow("upper-case prefix") << "VPN://" + valid << Uncompressable;
-        QTest::newRow("corrupt stream")
-            << encodeConnectionString(QByteArray("{}")).left(14) + "AAAAAAAA" << Uncompressable;
-        QTest::newRow("empty document") << encodeConnectionString(QByteArray()) << Uncompressable;
-        QTest::newRow("not json") << encodeConnectionString(QByteArray("not json")) << BadFormat;
-        QTest::newRow("array document") << encodeConnectionString(QByteArray("[1]")) << BadFormat;
-    }
-
-    void outerLayers()
-    {
-        QFETCH(QString, input);
-        QFETCH(QString, message);
-        LogCapture log;
-        const VpnConfigParseResult result = VpnConfigParser::parseConfig(input);
-        QVERIFY(!result.success);
-        QCOMPARE(result.errorMessage, message);
-        QVERIFY(result.rootObject.isEmpty());
-        QVERIFY(result.config.rawConfig.isEmpty() && result.config.hostName.isEmpty());
-        QVERIFY(log.contains("[VpnConfigParser] \"" + message + "\""));
-    }
-
-    void refusesImpossibleSizeWithoutAllocating()
-    {
-        // Claims 1.5 GB uncompressed for a few bytes of stream.
-        QByteArray packed = qCompress(QByteArray("{}"));
-        packed[0] = char(0x60);
-        const QString input =
-            "vpn://" + QString::fromLatin1(packed.toBase64(QByteArray::Base64UrlEncoding));
-        QElapsedTimer clock;
-        clock.start();
-        QCOMPARE(VpnConfigParser::parseConfig(input).errorMessage, Uncompressable);
-        QVERIFY(clock.elapsed() < 100);
-    }
-
-    void toleratesBreaksAndPadding()
+    // Pasted from a mail: wrapped and padded; the URL-safe alphabet only.
+    void readsTheOuterLayers()
     {
         const QString clean = encodeConnectionString(awgDocument(Client), false);
         QString broken = "vpn://";
         for (int i = 0; i < clean.size(); i += 60)
             broken += clean.mid(i, 60) + "\r\n";
-        const QString padded = "  vpn://" + clean + "==\n";
-        for (const QString &input : {broken, padded, clean}) {
-            const VpnConfigParseResult result = VpnConfigParser::parseConfig(input);
-            QVERIFY(result.success);
-            QCOMPARE(result.config.lastConfig, Client);
-        }
-    }
-
-    void rejectsStandardAlphabet()
-    {
-        // Find a document whose encoding uses "-" or "_", then write those the standard way.
-        for (int i = 0; i < 50; ++i) {
+        for (const QString &input : {broken, "  vpn://" + clean + "==\n", clean})
+            QCOMPARE(VpnConfigParser::parseConfig(input).config.lastConfig, Client);
+        for (int i = 0;; ++i) { // an encoding with "-" or "_", then written the standard way
             QJsonObject doc = awgDocument(Client);
             doc.insert("description", QString("server %1").arg(i));
             const QString url = encodeConnectionString(doc, false);
-            if (!url.contains('-') && !url.contains('_'))
-                continue;
-            QString standard = url;
-            standard.replace('-', '+').replace('_', '/');
-            QVERIFY(VpnConfigParser::parseConfig(url).success);
-            QVERIFY(!VpnConfigParser::parseConfig(standard).success);
-            return;
+            if (url.contains('-') || url.contains('_')) {
+                QVERIFY(
+                    !VpnConfigParser::parseConfig(QString(url).replace('-', '+').replace('_', '/'))
+                         .success);
+                break;
+            }
         }
-        QFAIL("no encoding with URL-safe characters found");
+        // Claims 1.5 GB uncompressed for a few bytes of stream.
+        QByteArray packed = qCompress(QByteArray("{}"));
+        packed[0] = char(0x60);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(VpnConfigParser::parseConfig(packed.toBase64(QByteArray::Base64UrlEncoding))
+                     .errorMessage,
+                 "Не удалось распаковать VPN-конфигурацию");
+        QVERIFY(clock.elapsed() < 100);
     }
 
-    void choosesContainer()
+    void refuses_data()
     {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("kept"); // the last field filled before the failure
+        const QString valid = encodeConnectionString(awgDocument(Client), false);
+        const auto row = [](const char *name, const QString &input, const char *message,
+                            const char *kept = "") {
+            QTest::newRow(name) << input << QString(message) << QString(kept);
+        };
+        const auto doc = [](const QJsonObject &d) { return encodeConnectionString(d); };
+        row("empty", "", "Конфигурация соединения пустая");
+        row("blanks and line breaks", " \n\t \r\n", "Конфигурация соединения пустая");
+        row("prefix only", "vpn://", "Не удалось декодировать VPN-конфигурацию");
+        row("outside the alphabet", "vpn://!!! @@@ ***",
+            "Не удалось декодировать VPN-конфигурацию");
+        row("upper-case prefix", "VPN://" + valid, "Не удалось распаковать VPN-конфигурацию");
+        row("empty document", encodeConnectionString(QByteArray()),
+            "Не удалось распаковать VPN-конфигурацию");
+        row("not JSON", encodeConnectionString(QByteArray("not json")),
+            "VPN-конфигурация имеет неверный формат");
+        row("an array", encodeConnectionString(QByteArray("[1]")),
+            "VPN-конфигурация имеет неверный формат");
+        row("no containers", doc(document({})), "В VPN-конфигурации нет контейнеров", "rawConfig");
+        QJsonObject text = document({});
+        text.insert("containers", "awg");
+        row("containers not a list", doc(text), "В VPN-конфигурации нет контейнеров", "rawConfig");
+        row("only empty containers", doc(document({QJsonObject(), 5})),
+            "Контейнер VPN-конфигурации не найден", "rawConfig");
+        row("default container absent", doc(document({container("a-awg", "awg")}, "b-awg")),
+            "Контейнер VPN-конфигурации не найден", "rawConfig");
+        row("no protocol", doc(document({QJsonObject{{"container", "plain"}, {"name", "x"}}})),
+            "Протокол VPN-конфигурации не найден", "container");
+        row("empty protocol settings",
+            doc(document({QJsonObject{{"container", "x-awg"}, {"awg", QJsonObject()}}})),
+            "Настройки протокола VPN-конфигурации не найдены", "protocolName");
+        row("no client configuration", doc(document({container("amnezia-awg", "awg", 42)})),
+            "В VPN-конфигурации нет client-конфига", "protocolConfig");
+        row("client configuration a list", doc(document({container("amnezia-awg", "awg", "[1]")})),
+            "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        row("client configuration broken", doc(document({container("amnezia-awg", "awg", "{x")})),
+            "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+    }
+
+    void refuses()
+    {
+        QFETCH(QString, input);
+        QFETCH(QString, message);
+        QFETCH(QString, kept);
+        const VpnConfigParseResult result = VpnConfigParser::parseConfig(input);
+        QVERIFY(!result.success);
+        QCOMPARE(result.errorMessage, message);
+        QCOMPARE(result.rootObject, result.config.rawConfig);
+        // Filled up to the failing step, and not beyond it.
+        const QStringList stages = {"rawConfig", "container", "protocolName", "protocolConfig",
+                                    "lastConfigRaw"};
+        QStringList filled = stages.mid(0, stages.indexOf(kept) + 1);
+        if (!filled.isEmpty())
+            filled << "hostName"
+                   << "dns1"
+                   << "dns2";
+        const QJsonObject fields = VpnServiceProtocol::parsedConfigToJson(result.config);
+        for (auto it = fields.begin(); it != fields.end(); ++it) {
+            const bool set = it->isObject() ? !it->toObject().isEmpty() : !it->toString().isEmpty();
+            if (it.key() != "defaultContainer")
+                QVERIFY2(set == filled.contains(it.key()), qPrintable(it.key()));
+        }
+    }
+
+    void chooses_data()
+    {
+        QTest::addColumn<QJsonObject>("doc");
+        QTest::addColumn<QString>("container");
+        QTest::addColumn<QString>("protocol");
         const QJsonArray both{container("office-wireguard", "wireguard"),
                               container("office-awg", "awg")};
-        QCOMPARE(parse(document(both, "office-awg")).config.container,
-                 QStringLiteral("office-awg"));
-        QCOMPARE(parse(document(both)).config.container, QStringLiteral("office-wireguard"));
-
-        const VpnConfigParseResult absent = parse(document(both, "office-xray"));
-        QCOMPARE(absent.errorMessage, NoContainer); // no fall-back to the first one
-
-        const VpnConfigParseResult blanks = parse(document({QJsonObject(), QJsonObject(), 5}));
-        QCOMPARE(blanks.errorMessage, NoContainer);
-        for (const QJsonValue &containers :
-             {QJsonValue(QJsonArray()), QJsonValue("awg"), QJsonValue(QJsonValue::Undefined)}) {
-            QJsonObject doc = document({});
-            if (containers.isUndefined())
-                doc.remove("containers");
-            else
-                doc.insert("containers", containers);
-            QCOMPARE(parse(doc).errorMessage, NoContainers);
-        }
-    }
-
-    void choosesProtocol()
-    {
-        QCOMPARE(parse(document({container("my-vpn", "xray")})).config.protocolName,
-                 QStringLiteral("xray"));
-        QCOMPARE(parse(document({container("awg-over-wireguard", "awg")})).config.protocolName,
-                 QStringLiteral("awg"));
-        QCOMPARE(parse(document({container("corp-wireguard", "wireguard")})).config.protocolName,
-                 QStringLiteral("wireguard"));
-
-        // "awg" is not an object here, so the first object member by name wins.
+        QTest::newRow("the named default") << document(both, "office-awg") << "office-awg"
+                                           << "awg";
+        QTest::newRow("the first without a default") << document(both) << "office-wireguard"
+                                                     << "wireguard";
+        QTest::newRow("by member name") << document({container("my-vpn", "xray")}) << "my-vpn"
+                                        << "xray";
+        QTest::newRow("awg before wireguard")
+            << document({container("awg-over-wireguard", "awg")}) << "awg-over-wireguard"
+            << "awg";
+        // "awg" is no object here, so the first object member by name wins.
         QJsonObject odd = container("office-awg", "b-proto");
         odd.insert("awg", "not an object");
         odd.insert("c-proto", QJsonObject{{"last_config", "{}"}});
-        QCOMPARE(parse(document({odd})).config.protocolName, QStringLiteral("b-proto"));
+        QTest::newRow("first object member") << document({odd}) << "office-awg"
+                                             << "b-proto";
+    }
 
-        QJsonObject none{{"container", "plain"}, {"name", "text only"}};
-        const VpnConfigParseResult noProtocol = parse(document({none}));
-        QCOMPARE(noProtocol.errorMessage, NoProtocol);
-        QCOMPARE(noProtocol.config.container, QStringLiteral("plain"));
-
-        const VpnConfigParseResult emptySettings =
-            parse(document({container("x-awg", "awg", QJsonObject())}));
-        QCOMPARE(emptySettings.errorMessage, NoProtocolSettings);
-        QCOMPARE(emptySettings.config.protocolName, QStringLiteral("awg"));
+    void chooses()
+    {
+        QFETCH(QJsonObject, doc);
+        QFETCH(QString, container);
+        QFETCH(QString, protocol);
+        const VpnConfigParseResult result =
+            VpnConfigParser::parseConfig(encodeConnectionString(doc));
+        QVERIFY(result.success);
+        QCOMPARE(result.config.container, container);
+        QCOMPARE(result.config.protocolName, protocol);
     }
 
     void readsClientConfiguration()
     {
-        const auto withLastConfig = [](const QJsonValue &value) {
-            return document({container("amnezia-awg", "awg", QJsonObject{{"last_config", value}})});
-        };
-        const VpnConfigParseResult emptyObject = parse(withLastConfig("{}"));
-        QVERIFY(emptyObject.success);
-        QVERIFY(emptyObject.config.lastConfig.isEmpty());
+        QJsonObject doc = document({container("amnezia-awg", "awg", "{}")});
+        QVERIFY(
+            VpnConfigParser::parseConfig(encodeConnectionString(doc)).config.lastConfig.isEmpty());
+        // The top-level host wins; without it, the client configuration's.
+        doc = document({container("amnezia-awg", "awg")});
+        QCOMPARE(VpnConfigParser::parseConfig(encodeConnectionString(doc)).config.hostName,
+                 "203.0.113.5");
+        doc.insert("hostName", "");
+        QCOMPARE(VpnConfigParser::parseConfig(encodeConnectionString(doc)).config.hostName,
+                 "198.51.100.1");
 
-        QCOMPARE(parse(withLastConfig("[1]")).errorMessage, BadClientConfig);
-        QCOMPARE(parse(withLastConfig("{broken")).errorMessage, BadClientConfig);
-        QCOMPARE(parse(withLastConfig(QString())).errorMessage, NoClientConfig);
-        QCOMPARE(parse(withLastConfig(42)).errorMessage, NoClientConfig);
-
-        QJsonObject noHost = withLastConfig(lastConfigText());
-        QCOMPARE(parse(noHost).config.hostName, QStringLiteral("203.0.113.5"));
-        noHost.insert("hostName", "");
-        QCOMPARE(parse(noHost).config.hostName, QStringLiteral("198.51.100.1"));
-    }
-
-    void keepsFieldsFilledBeforeFailure()
-    {
-        const VpnConfigParseResult noContainers = parse(document({}));
-        QCOMPARE(noContainers.rootObject, document({}));
-        QCOMPARE(noContainers.config.rawConfig, document({}));
-        QCOMPARE(noContainers.config.hostName, QStringLiteral("203.0.113.5"));
-        QCOMPARE(noContainers.config.dns1, QStringLiteral("1.1.1.1"));
-        QCOMPARE(noContainers.config.dns2, QStringLiteral("1.0.0.1"));
-
-        const VpnConfigParseResult noContainer =
-            parse(document({container("a-awg", "awg")}, "b-awg"));
-        QCOMPARE(noContainer.config.defaultContainer, QStringLiteral("b-awg"));
-        QVERIFY(noContainer.config.container.isEmpty());
-
-        const VpnConfigParseResult badClient =
-            parse(document({container("amnezia-awg", "awg", QJsonObject{{"last_config", "[1]"}})}));
-        QCOMPARE(badClient.config.container, QStringLiteral("amnezia-awg"));
-        QCOMPARE(badClient.config.protocolName, QStringLiteral("awg"));
-        QCOMPARE(badClient.config.protocolConfig, (QJsonObject{{"last_config", "[1]"}}));
-        QCOMPARE(badClient.config.lastConfigRaw, QStringLiteral("[1]"));
-        QVERIFY(badClient.config.lastConfig.isEmpty());
-        QVERIFY(!badClient.success);
-    }
-
-    void parsesPeerMaps()
-    {
-        QCOMPARE(VpnConfigParser::parsePeerConfig({}).errorMessage, Empty);
         QCOMPARE(VpnConfigParser::parsePeerConfig({{"splitTunnel", QVariantMap()}}).errorMessage,
-                 Empty);
-        const QString string = encodeConnectionString(awgDocument(Client));
-        QVERIFY(VpnConfigParser::parsePeerConfig({{"config", string}}).success);
-        const VpnConfigParseResult defaults;
-        QVERIFY(!defaults.success);
-        QVERIFY(defaults.errorMessage.isEmpty());
+                 "Конфигурация соединения пустая");
+        QVERIFY(
+            VpnConfigParser::parsePeerConfig({{"config", encodeConnectionString(doc)}}).success);
+        QVERIFY(!VpnConfigParseResult().success && VpnConfigParseResult().errorMessage.isEmpty());
     }
 };
 

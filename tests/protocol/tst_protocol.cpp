@@ -1,3 +1,5 @@
+// The wire format both sides share: one compact JSON line each way, read
+// back with a time limit; the status names; the configuration as JSON.
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QJsonArray>
@@ -9,165 +11,95 @@
 #include <thread>
 #include <unistd.h>
 
-namespace {
-
-// Reads one message from a socket whose other end receives the given pieces
-// from another thread, with a pause before each.
-bool readFromPieces(const QList<QByteArray> &pieces, QJsonObject *message, QString *error,
-                    int timeoutMs = 2000)
-{
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0)
-        return false;
-    std::thread writer([fd = fds[1], pieces] {
-        for (const QByteArray &piece : pieces) {
-            ::usleep(30000);
-            [[maybe_unused]] const auto n = ::write(fd, piece.constData(), size_t(piece.size()));
-        }
-        ::usleep(200000);
-        ::close(fd);
-    });
-    QLocalSocket socket;
-    socket.setSocketDescriptor(fds[0]);
-    const bool ok = VpnServiceProtocol::readMessage(&socket, message, error, timeoutMs);
-    writer.join();
-    return ok;
-}
-
-} // namespace
-
 class TestProtocol : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void encodesCompactLine()
+    void readsOneMessage_data()
     {
-        QCOMPARE(VpnServiceProtocol::encodeMessage(QJsonObject()), QByteArray("{}\n"));
-        const QJsonObject nested{{QStringLiteral("text"), QStringLiteral("a\nb")},
-                                 {QStringLiteral("n"), 1}};
-        const QByteArray encoded = VpnServiceProtocol::encodeMessage(nested);
-        QCOMPARE(encoded, QByteArray("{\"n\":1,\"text\":\"a\\nb\"}\n"));
-        QCOMPARE(encoded.count('\n'), 1);
+        QTest::addColumn<QList<QByteArray>>("pieces");
+        QTest::addColumn<int>("timeoutMs");
+        QTest::addColumn<QString>("result"); // the object read, or the reason it was not
+        QTest::newRow("in chunks, a second line dropped")
+            << QList<QByteArray>{"{\"ok\":", "true}\n{\"second\":1}\n"} << 2000 << "{\"ok\":true}";
+        QTest::newRow("carriage return")
+            << QList<QByteArray>{"{\"a\":1}\r\n"} << 2000 << "{\"a\":1}";
+        QTest::newRow("no line feed") << QList<QByteArray>{"{\"ok\":true}"} << 500 << "timeout";
+        QTest::newRow("no time at all") << QList<QByteArray>{"{}\n"} << 0 << "timeout";
+        QTest::newRow("an array") << QList<QByteArray>{"[1,2]\n"} << 2000
+                                  << QJsonParseError().errorString();
+        QTest::newRow("words") << QList<QByteArray>{"plain words\n"} << 2000
+                               << QJsonParseError{0, QJsonParseError::IllegalValue}.errorString();
     }
 
-    void readsReplyArrivingInChunks()
+    void readsOneMessage()
     {
-        QJsonObject message;
-        QString error = QStringLiteral("untouched");
-        QVERIFY(readFromPieces({"{\"ok\":", "true,\"status\":\"con", "nected\"}\n{\"second\":1}\n"},
-                               &message, &error));
-        QCOMPARE(message, (QJsonObject{{QStringLiteral("ok"), true},
-                                       {QStringLiteral("status"), QStringLiteral("connected")}}));
-        QCOMPARE(error, QStringLiteral("untouched"));
-    }
-
-    void acceptsCarriageReturnBeforeLineFeed()
-    {
-        QJsonObject message;
-        QVERIFY(readFromPieces({"{\"a\":1}\r\n"}, &message, nullptr));
-        QCOMPARE(message.value(QStringLiteral("a")).toInt(), 1);
-    }
-
-    void timesOutWithoutLineFeed()
-    {
-        QJsonObject message;
-        QString error;
-        QVERIFY(!readFromPieces({"{\"ok\":true}"}, &message, &error, 500));
-        QCOMPARE(error, QStringLiteral("timeout"));
-
-        // A zero or negative allowance reads nothing at all.
-        for (const int allowance : {0, -5}) {
-            QString reason;
-            QVERIFY(!readFromPieces({"{}\n"}, &message, &reason, allowance));
-            QCOMPARE(reason, QStringLiteral("timeout"));
-        }
-    }
-
-    void reportsParserTexts()
-    {
-        QJsonObject message;
-        QString error;
-        QVERIFY(!readFromPieces({"[1,2]\n"}, &message, &error));
-        QCOMPARE(error, QJsonParseError().errorString()); // the parser's text for success
-        QVERIFY(!readFromPieces({"plain words\n"}, &message, &error));
-        QVERIFY(error != QJsonParseError().errorString());
-        QVERIFY(!error.isEmpty());
-        QVERIFY(message.isEmpty());
-    }
-
-    void namesStatuses()
-    {
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnected),
-                 QStringLiteral("disconnected"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connecting),
-                 QStringLiteral("connecting"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Connected),
-                 QStringLiteral("connected"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Disconnecting),
-                 QStringLiteral("disconnecting"));
-        QCOMPARE(VpnServiceProtocol::statusToString(PlatformVpnBackend::Error),
-                 QStringLiteral("error"));
-        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(5)),
-                 QStringLiteral("unknown"));
-        QCOMPARE(VpnServiceProtocol::statusToString(static_cast<PlatformVpnBackend::Status>(-1)),
-                 QStringLiteral("unknown"));
-    }
-
-    void configRoundTrips()
-    {
-        ParsedVpnConfig config;
-        config.rawConfig = {{QStringLiteral("containers"), QJsonArray{}}};
-        config.defaultContainer = QStringLiteral("amnezia-awg");
-        config.container = QStringLiteral("amnezia-awg");
-        config.protocolName = QStringLiteral("awg");
-        config.protocolConfig = {{QStringLiteral("last_config"), QStringLiteral("{}")}};
-        config.lastConfigRaw = QStringLiteral("{\"mtu\":\"1280\"}");
-        config.lastConfig = {{QStringLiteral("mtu"), QStringLiteral("1280")}};
-        config.hostName = QStringLiteral("203.0.113.5");
-        config.dns1 = QStringLiteral("1.1.1.1");
-        config.dns2 = QStringLiteral("1.0.0.1");
-
-        const QJsonObject json = VpnServiceProtocol::parsedConfigToJson(config);
-        QCOMPARE(json.size(), 10);
-        const ParsedVpnConfig back = VpnServiceProtocol::parsedConfigFromJson(json);
-        QCOMPARE(back.rawConfig, config.rawConfig);
-        QCOMPARE(back.defaultContainer, config.defaultContainer);
-        QCOMPARE(back.container, config.container);
-        QCOMPARE(back.protocolName, config.protocolName);
-        QCOMPARE(back.protocolConfig, config.protocolConfig);
-        QCOMPARE(back.lastConfigRaw, config.lastConfigRaw);
-        QCOMPARE(back.lastConfig, config.lastConfig);
-        QCOMPARE(back.hostName, config.hostName);
-        QCOMPARE(back.dns1, config.dns1);
-        QCOMPARE(back.dns2, config.dns2);
-
-        // Empty fields still travel, as empty strings and objects.
-        const QJsonObject empty = VpnServiceProtocol::parsedConfigToJson(ParsedVpnConfig());
-        QCOMPARE(empty.size(), 10);
-        QVERIFY(empty.value(QStringLiteral("lastConfig")).isObject());
-        QVERIFY(empty.value(QStringLiteral("dns2")).isString());
-    }
-
-    void wrongTypesGiveEmptyFields()
-    {
-        const ParsedVpnConfig config = VpnServiceProtocol::parsedConfigFromJson({
-            {QStringLiteral("dns1"), 8},
-            {QStringLiteral("lastConfig"), QStringLiteral("{\"client_ip\":\"10.0.0.2\"}")},
-            {QStringLiteral("lastConfigRaw"), QStringLiteral("{\"client_ip\":\"10.0.0.2\"}")},
-            {QStringLiteral("rawConfig"), QJsonArray{1}},
-            {QStringLiteral("unknown"), QStringLiteral("ignored")},
-            {QStringLiteral("hostName"), QStringLiteral("vpn.example.net")},
+        QFETCH(QList<QByteArray>, pieces);
+        QFETCH(int, timeoutMs);
+        QFETCH(QString, result);
+        int fds[2];
+        QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        std::thread writer([fd = fds[1], pieces] {
+            for (const QByteArray &piece : pieces) {
+                ::usleep(30000);
+                [[maybe_unused]] const auto n =
+                    ::write(fd, piece.constData(), size_t(piece.size()));
+            }
+            ::usleep(200000);
+            ::close(fd);
         });
-        QVERIFY(config.dns1.isEmpty());
-        QVERIFY(config.lastConfig.isEmpty());
-        QVERIFY(config.rawConfig.isEmpty());
-        QCOMPARE(config.lastConfigRaw, QStringLiteral("{\"client_ip\":\"10.0.0.2\"}"));
-        QCOMPARE(config.hostName, QStringLiteral("vpn.example.net"));
+        QLocalSocket socket;
+        socket.setSocketDescriptor(fds[0]);
+        QJsonObject message;
+        QString reason = "untouched";
+        const bool read = VpnServiceProtocol::readMessage(&socket, &message, &reason, timeoutMs);
+        writer.join();
+        QCOMPARE(read ? QString(QJsonDocument(message).toJson(QJsonDocument::Compact)) : reason,
+                 result);
+        QCOMPARE(reason == "untouched", read);
+    }
 
-        const ParsedVpnConfig blank = VpnServiceProtocol::parsedConfigFromJson(QJsonObject());
-        QVERIFY(blank.container.isEmpty() && blank.protocolConfig.isEmpty() &&
-                blank.dns2.isEmpty());
+    void encodesAndNames()
+    {
+        QCOMPARE(VpnServiceProtocol::encodeMessage(QJsonObject()), "{}\n");
+        QCOMPARE(VpnServiceProtocol::encodeMessage({{"text", "a\nb"}, {"n", 1}}),
+                 "{\"n\":1,\"text\":\"a\\nb\"}\n");
+        QStringList names;
+        for (int status = -1; status <= 5; ++status)
+            names << VpnServiceProtocol::statusToString(PlatformVpnBackend::Status(status));
+        QCOMPARE(names, (QStringList{"unknown", "disconnected", "connecting", "connected",
+                                     "disconnecting", "error", "unknown"}));
+    }
+
+    void carriesTheConfiguration()
+    {
+        const QJsonObject json{{"rawConfig", QJsonObject{{"containers", QJsonArray{}}}},
+                               {"defaultContainer", "amnezia-awg"},
+                               {"container", "amnezia-awg"},
+                               {"protocolName", "awg"},
+                               {"protocolConfig", QJsonObject{{"last_config", "{}"}}},
+                               {"lastConfigRaw", "{\"mtu\":\"1280\"}"},
+                               {"lastConfig", QJsonObject{{"mtu", "1280"}}},
+                               {"hostName", "203.0.113.5"},
+                               {"dns1", "1.1.1.1"},
+                               {"dns2", "1.0.0.1"}};
+        QCOMPARE(
+            VpnServiceProtocol::parsedConfigToJson(VpnServiceProtocol::parsedConfigFromJson(json)),
+            json);
+        // Missing or of another type: empty, and every field still travels.
+        QJsonObject odd = json;
+        odd.insert("dns1", 8);
+        odd.insert("lastConfig", "{\"mtu\":\"1280\"}");
+        odd.remove("rawConfig");
+        odd.insert("unknown", "ignored");
+        QJsonObject expected = json;
+        expected.insert("dns1", "");
+        expected.insert("lastConfig", QJsonObject());
+        expected.insert("rawConfig", QJsonObject());
+        QCOMPARE(
+            VpnServiceProtocol::parsedConfigToJson(VpnServiceProtocol::parsedConfigFromJson(odd)),
+            expected);
     }
 };
 

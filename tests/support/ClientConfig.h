@@ -3,6 +3,7 @@
 #include "config/ParsedVpnConfig.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 
 // Fixed 32-byte keys in the standard Base64 of client configurations, with
@@ -20,36 +21,58 @@ inline const char *PresharedHex =
 } // namespace TestKeys
 
 // A client configuration as the parser would produce it for an AmneziaWG
-// container, with every key the service reads.
+// container, with every key the service reads; a null override removes one.
 inline ParsedVpnConfig clientConfig(const QJsonObject &overrides = QJsonObject())
 {
-    QJsonObject last{
-        {QStringLiteral("client_ip"), QStringLiteral("10.8.1.2/32")},
-        {QStringLiteral("client_priv_key"), QLatin1String(TestKeys::ClientPrivate)},
-        {QStringLiteral("server_pub_key"), QLatin1String(TestKeys::ServerPublic)},
-        {QStringLiteral("psk_key"), QLatin1String(TestKeys::Preshared)},
-        {QStringLiteral("hostName"), QStringLiteral("203.0.113.5")},
-        {QStringLiteral("port"), 51820},
-        {QStringLiteral("mtu"), QStringLiteral("1420")},
-        {QStringLiteral("persistent_keep_alive"), QStringLiteral("25")},
-        {QStringLiteral("allowed_ips"),
-         QJsonArray{QStringLiteral("0.0.0.0/0"), QStringLiteral("::/0")}},
-        {QStringLiteral("Jc"), QStringLiteral("4")},
-        {QStringLiteral("Jmin"), QStringLiteral("40")},
-        {QStringLiteral("Jmax"), QStringLiteral("70")},
-    };
-    for (auto it = overrides.begin(); it != overrides.end(); ++it) {
-        if (it.value().isNull())
-            last.remove(it.key());
-        else
-            last.insert(it.key(), it.value());
-    }
+    QJsonObject last{{"client_ip", "10.8.1.2/32"},
+                     {"client_priv_key", TestKeys::ClientPrivate},
+                     {"server_pub_key", TestKeys::ServerPublic},
+                     {"psk_key", TestKeys::Preshared},
+                     {"hostName", "203.0.113.5"},
+                     {"port", 51820},
+                     {"mtu", "1420"},
+                     {"persistent_keep_alive", "25"},
+                     {"allowed_ips", QJsonArray{"0.0.0.0/0", "::/0"}},
+                     {"Jc", "4"},
+                     {"Jmin", "40"},
+                     {"Jmax", "70"}};
+    for (auto it = overrides.begin(); it != overrides.end(); ++it)
+        it->isNull() ? void(last.remove(it.key())) : void(last.insert(it.key(), *it));
     ParsedVpnConfig config;
-    config.container = QStringLiteral("amnezia-awg");
-    config.protocolName = QStringLiteral("awg");
+    config.container = "amnezia-awg";
+    config.protocolName = "awg";
     config.lastConfig = last;
-    config.hostName = QStringLiteral("203.0.113.5");
-    config.dns1 = QStringLiteral("1.1.1.1");
-    config.dns2 = QStringLiteral("1.0.0.1");
+    config.hostName = "203.0.113.5";
+    config.dns1 = "1.1.1.1";
+    config.dns2 = "1.0.0.1";
     return config;
+}
+
+// Connection strings as the server side of the product builds them: JSON,
+// compressed in the qCompress format, URL-safe Base64 without padding.
+inline QString encodeConnectionString(const QByteArray &json, bool prefix = true)
+{
+    return (prefix ? "vpn://" : "") +
+           qCompress(json).toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+}
+
+inline QString encodeConnectionString(const QJsonObject &document, bool prefix = true)
+{
+    return encodeConnectionString(QJsonDocument(document).toJson(QJsonDocument::Compact), prefix);
+}
+
+// A document with one AmneziaWG container carrying the given client configuration.
+inline QJsonObject awgDocument(const QJsonObject &lastConfig)
+{
+    const QJsonObject protocol{
+        {"last_config", QString(QJsonDocument(lastConfig).toJson(QJsonDocument::Compact))},
+        {"port", "51820"},
+        {"transport_proto", "udp"}};
+    return {
+        {"containers", QJsonArray{QJsonObject{{"container", "amnezia-awg"}, {"awg", protocol}}}},
+        {"defaultContainer", "amnezia-awg"},
+        {"description", "Test server"},
+        {"dns1", "1.1.1.1"},
+        {"dns2", "1.0.0.1"},
+        {"hostName", "203.0.113.5"}};
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "ClientConfig.h"
-#include "ConnectionString.h"
 
 #include "protocol/VpnServiceProtocol.h"
 
@@ -13,14 +12,19 @@
 inline const QJsonObject StatusRequest{{"command", "status"}};
 inline const QJsonObject DisconnectRequest{{"command", "disconnect"}};
 
+// A destination written "name|address" carries the address to fall back on.
 inline QJsonObject peerFor(const ParsedVpnConfig &config, int splitMode = 0,
                            const QStringList &destinations = {})
 {
     QJsonObject peer{{"config", encodeConnectionString(awgDocument(config.lastConfig))}};
     if (splitMode != 0) {
         QJsonArray entries;
-        for (const QString &destination : destinations)
-            entries.append(QJsonObject{{"value", destination}});
+        for (const QString &destination : destinations) {
+            QJsonObject entry{{"value", destination.section('|', 0, 0)}};
+            if (destination.contains('|'))
+                entry.insert("ip", destination.section('|', 1));
+            entries.append(entry);
+        }
         peer.insert("splitTunnel",
                     QJsonObject{{"enabled", true}, {"mode", splitMode}, {"entries", entries}});
     }

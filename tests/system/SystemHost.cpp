@@ -1,7 +1,5 @@
 #include "SystemHost.h"
 
-#include "SimHost.h"
-#include "TestClient.h"
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QCoreApplication>
@@ -46,6 +44,12 @@ void replaceWithLink(const QString &path, const QString &target)
     QFile::link(target, path);
 }
 
+void replaceWithCopy(const QString &path, const QString &source)
+{
+    QFile::remove(path);
+    QFile::copy(source, path);
+}
+
 } // namespace
 
 QString SystemHost::unavailableReason()
@@ -62,29 +66,25 @@ QString SystemHost::binary(const QString &name)
     return QDir(QCoreApplication::applicationDirPath()).filePath(name);
 }
 
-SystemHost::SystemHost()
+SystemHost::SystemHost() : SimulatedHost(QLatin1String(StateDir))
 {
     Q_ASSERT(unavailableReason().isEmpty());
     for (const char *tool : ToolPaths)
-        replaceWithLink(QLatin1String(tool), binary(QStringLiteral("mactools")));
-    QDir(QLatin1String(StateDir)).removeRecursively();
-    SimHost::reset(QLatin1String(StateDir));
-    QDir().mkpath(QLatin1String(InstallDir));
-    QFile::remove(QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
-    QFile::copy(binary(QStringLiteral("TarvexVpnService")),
-                QStringLiteral("%1/TarvexVpnService").arg(QLatin1String(InstallDir)));
-    removeTunnel();
-    QDir(QStringLiteral("/Library/Application Support/Tarvex/VpnService/Journal"))
-        .removeRecursively();
-    QFile::remove(QStringLiteral("/var/run/tarvex-amneziawg")); // a link
-    QDir(QStringLiteral("/var/run/tarvex-amneziawg")).removeRecursively();
+        replaceWithLink(QLatin1String(tool), binary("mactools"));
+    QDir(StateDir).removeRecursively();
+    reset(binary("mactools"));
+    QDir().mkpath(InstallDir);
+    replaceWithCopy(QString(InstallDir) + "/TarvexVpnService", binary("TarvexVpnService"));
+    QFile::remove(QString(InstallDir) + "/amneziawg-go");
+    QDir("/Library/Application Support/Tarvex/VpnService/Journal").removeRecursively();
+    QFile::remove("/var/run/tarvex-amneziawg"); // a link
+    QDir("/var/run/tarvex-amneziawg").removeRecursively();
     QFile::remove(VpnServiceProtocol::socketPath());
     writeHostsFile("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
                    "198.51.100.10\ttarvex.com\n");
     static int instances = 0;
-    logPath = QStringLiteral("/tmp/daemon-%1-%2.log")
-                  .arg(QCoreApplication::applicationPid())
-                  .arg(++instances);
+    logPath =
+        QString("/tmp/daemon-%1-%2.log").arg(QCoreApplication::applicationPid()).arg(++instances);
     QFile::remove(logPath);
 }
 
@@ -99,23 +99,28 @@ SystemHost::~SystemHost()
 
 void SystemHost::installTunnel(bool executable)
 {
-    const QString path = QStringLiteral("%1/amneziawg-go").arg(QLatin1String(InstallDir));
-    QFile::remove(path);
-    QFile::copy(binary(QStringLiteral("tunnel-standin")), path);
+    const QString path = QString(InstallDir) + "/amneziawg-go";
+    replaceWithCopy(path, binary("tunnel-standin"));
     QFile::setPermissions(path, executable ? QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
                                            : QFile::ReadOwner | QFile::WriteOwner);
 }
 
-void SystemHost::removeTunnel()
+void SystemHost::killDaemonAt(qsizetype call, bool before)
 {
-    QFile::remove(QStringLiteral("%1/amneziawg-go").arg(QLatin1String(InstallDir)));
+    setFaults({QString("kill-%1:%2").arg(before ? "before" : "after").arg(call)});
 }
 
-void SystemHost::setToolFaults(const QStringList &rules)
+QByteArray SystemHost::hostsFile() const
 {
-    QFile file(QStringLiteral("%1/faults").arg(QLatin1String(StateDir)));
+    QFile file(QStringLiteral("/etc/hosts"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void SystemHost::writeHostsFile(const QByteArray &text)
+{
+    QFile file(QStringLiteral("/etc/hosts"));
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(rules.join(QLatin1Char('\n')).toUtf8() + '\n');
+        file.write(text);
 }
 
 bool SystemHost::startDaemon(const QStringList &environment)
@@ -189,9 +194,28 @@ QString SystemHost::daemonLog() const
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
-QByteArray SystemHost::rawRequest(const QByteArray &line, int timeoutMs) const
+QByteArray SystemHost::rawRequest(const QList<QByteArray> &pieces, int timeoutMs) const
 {
-    return exchangeRaw(VpnServiceProtocol::socketPath(), {line}, timeoutMs);
+    QLocalSocket socket;
+    socket.connectToServer(VpnServiceProtocol::socketPath());
+    if (!socket.waitForConnected(5000))
+        return QByteArray();
+    for (const QByteArray &piece : pieces) {
+        socket.write(piece);
+        socket.waitForBytesWritten(2000);
+        if (pieces.size() > 1)
+            QThread::msleep(50);
+    }
+    QByteArray reply;
+    QElapsedTimer clock;
+    clock.start();
+    while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
+        if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState &&
+            socket.bytesAvailable() == 0)
+            break;
+        reply += socket.readAll();
+    }
+    return reply;
 }
 
 // Forked rather than run as a program, so the request travels exactly as
@@ -235,62 +259,6 @@ QJsonObject SystemHost::requestAs(uid_t uid, const QJsonObject &message) const
 
 QJsonObject SystemHost::request(const QJsonObject &message, int timeoutMs) const
 {
-    return exchangeJson(VpnServiceProtocol::socketPath(), message, timeoutMs);
-}
-
-QByteArray SystemHost::stateBytes() const
-{
-    return SimHost::serialise(state());
-}
-
-QJsonObject SystemHost::state() const
-{
-    const SimHost::Lock lock{QLatin1String(StateDir)};
-    return SimHost::load(QLatin1String(StateDir));
-}
-
-void SystemHost::writeState(const QJsonObject &state)
-{
-    const SimHost::Lock lock{QLatin1String(StateDir)};
-    SimHost::save(QLatin1String(StateDir), state);
-}
-
-QList<QStringList> SystemHost::calls(const QString &tool) const
-{
-    QList<QStringList> matching;
-    for (const QStringList &call : SimHost::calls(QLatin1String(StateDir))) {
-        if (tool.isEmpty() || call.value(0) == tool)
-            matching.append(tool.isEmpty() ? call : call.mid(1));
-    }
-    return matching;
-}
-
-void SystemHost::killDaemonAt(qsizetype call, bool before)
-{
-    setToolFaults({QStringLiteral("kill-%1:%2")
-                       .arg(before ? QLatin1String("before") : QLatin1String("after"))
-                       .arg(call)});
-}
-
-QByteArray SystemHost::hostsFile() const
-{
-    QFile file(QStringLiteral("/etc/hosts"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void SystemHost::writeHostsFile(const QByteArray &text)
-{
-    QFile file(QStringLiteral("/etc/hosts"));
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(text);
-}
-
-bool SystemHost::tunnelRunning() const
-{
-    const QJsonObject interfaces = state().value(QStringLiteral("interfaces")).toObject();
-    for (auto it = interfaces.begin(); it != interfaces.end(); ++it) {
-        if (it.value().toObject().value(QStringLiteral("owner")).toInteger() != 0)
-            return true;
-    }
-    return false;
+    const QByteArray line = rawRequest({VpnServiceProtocol::encodeMessage(message)}, timeoutMs);
+    return QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
 }

@@ -1,6 +1,5 @@
 // tarvexctl against the unmodified daemon on its real socket.
 #include "ClientConfig.h"
-#include "ConnectionString.h"
 #include "SystemHost.h"
 #include "Tarvexctl.h"
 

@@ -56,7 +56,7 @@ private:
     // After a restart the host is as it was, and a full tunnel comes up again.
     void verifyRestored(const QString &what)
     {
-        host->setToolFaults({});
+        host->setFaults({});
         QVERIFY2(host->startDaemon(), qPrintable(what));
         QVERIFY2(host->stateBytes() == before, qPrintable(what));
         QVERIFY2(host->hostsFile() == Hosts, qPrintable(what));

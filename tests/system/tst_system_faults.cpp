@@ -104,7 +104,7 @@ private Q_SLOTS:
                 QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what).toUtf8();
 
             if (scenario == Fail || scenario == Hang)
-                host.setToolFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
+                host.setFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
             if (scenario == Kill)
                 host.killDaemonAt(killAt, killBefore);
             if (scenario == Term) {
@@ -122,7 +122,7 @@ private Q_SLOTS:
                     host.killDaemonAt(host.calls().size() + 1 + qsizetype(random.bounded(4)));
                     host.startDaemon(); // may die in the middle of its undo
                 }
-                host.setToolFaults({});
+                host.setFaults({});
                 if (host.daemon().state() != QProcess::Running)
                     QVERIFY(host.startDaemon());
             } else {
@@ -132,7 +132,7 @@ private Q_SLOTS:
                         ::kill(pid_t(pid), SIGKILL);
                     QTest::qWait(50);
                 }
-                host.setToolFaults({});
+                host.setFaults({});
                 QCOMPARE(host.request(DisconnectRequest).value("status").toString(),
                          QStringLiteral("disconnected"));
             }

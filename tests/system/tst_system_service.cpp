@@ -1,104 +1,156 @@
+// The daemon as a process: its socket, the framing of requests, a second
+// instance, and how it ends.
+#include "Requests.h"
 #include "SystemHost.h"
 
-#include "protocol/VpnServiceProtocol.h"
-
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
+#include <QJsonParseError>
 #include <QTest>
 
 #include <csignal>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 class TestSystemService : public QObject
 {
     Q_OBJECT
 
+private:
+    std::unique_ptr<SystemHost> shared;
+
 private Q_SLOTS:
-    void answersStatus()
+    void initTestCase()
     {
-        REQUIRE_SANDBOX();
-        SystemHost host;
-        QVERIFY(host.startDaemon());
-        QCOMPARE(host.rawRequest("{\"command\":\"status\"}\n"),
-                 QByteArray("{\"error\":\"\",\"ok\":true,\"status\":\"disconnected\"}\n"));
-        QCOMPARE(host.stopDaemon(), 0);
-        QVERIFY(host.daemonLog().contains(
-            QStringLiteral("[MacVpnServiceServer] listening "
-                           "\"/private/tmp/corvel-client-service.sock\" euid= 0")));
-        QVERIFY(!host.daemonLog().contains(QStringLiteral("not running as root")));
+        if (SystemHost::unavailableReason().isEmpty()) {
+            shared = std::make_unique<SystemHost>();
+            QVERIFY(shared->startDaemon());
+        }
     }
 
+    void framesRequests_data()
+    {
+        QTest::addColumn<QByteArray>("sent"); // "|" between separate writes
+        QTest::addColumn<QByteArray>("answer");
+        const QByteArray status = R"({"error":"","ok":true,"status":"disconnected"})";
+        const auto refused = [](const QString &error) {
+            return VpnServiceProtocol::encodeMessage(reply(false, "disconnected", error)).trimmed();
+        };
+        QTest::newRow("status") << QByteArray(R"({"command":"status"})"
+                                              "\n")
+                                << status;
+        QTest::newRow("over several writes")
+            << QByteArray("{\"comm|and\":\"sta|tus\"}|\n") << status;
+        QTest::newRow("only the first of two lines") << QByteArray(R"({"command":"status"})"
+                                                                   "\n"
+                                                                   R"({"command":"disconnect"})"
+                                                                   "\n")
+                                                     << status;
+        QTest::newRow("carriage return") << QByteArray(R"({"command":"status"})"
+                                                       "\r\n")
+                                         << status;
+        QTest::newRow("capitalised command") << QByteArray(R"({"command":"Status"})"
+                                                           "\n")
+                                             << refused("unknown command");
+        QTest::newRow("no command") << QByteArray(R"({"peer":{}})"
+                                                  "\n")
+                                    << refused("unknown command");
+        QTest::newRow("command not text") << QByteArray(R"({"command":7})"
+                                                        "\n")
+                                          << refused("unknown command");
+        QTest::newRow("an array") << QByteArray(R"(["status"])"
+                                                "\n")
+                                  << refused(QJsonParseError().errorString());
+        QTest::newRow("not JSON")
+            << QByteArray("not json\n")
+            << refused(QJsonParseError{0, QJsonParseError::IllegalValue}.errorString());
+        QTest::newRow("past the limit")
+            << QByteArray(1024 * 1024 + 1, 'x') << refused("request too large");
+        QTest::newRow("at the limit")
+            << QByteArray(1024 * 1024 - 21, ' ') + R"({"command":"status"})"
+                                                   "\n"
+            << status;
+    }
+
+    void framesRequests()
+    {
+        REQUIRE_SANDBOX();
+        QFETCH(QByteArray, sent);
+        QFETCH(QByteArray, answer);
+        QList<QByteArray> pieces = sent.size() < 1000 ? sent.split('|') : QList<QByteArray>{sent};
+        QCOMPARE(shared->rawRequest(pieces, 10000), answer + "\n");
+        QVERIFY(shared->daemonLog().contains(
+            "[MacVpnServiceServer] listening \"/private/tmp/corvel-client-service.sock\" euid= 0"));
+        QVERIFY(!shared->daemonLog().contains("not running as root"));
+    }
+
+    // A socket file left by a crash is replaced, and the new one is 0666
+    // whatever the umask.
     void replacesLeftoverSocket()
     {
         REQUIRE_SANDBOX();
+        shared.reset();
         SystemHost host;
         const QByteArray path = QFile::encodeName(VpnServiceProtocol::socketPath());
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
         QCOMPARE(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         ::close(fd);
-
-        QVERIFY(host.startDaemon());
-        QCOMPARE(host.request({{QStringLiteral("command"), QStringLiteral("status")}})
-                     .value(QStringLiteral("ok"))
-                     .toBool(),
-                 true);
-        QVERIFY(!host.daemonLog().contains(QStringLiteral("stale socket detected")));
-    }
-
-    void socketModeIgnoresUmask()
-    {
-        REQUIRE_SANDBOX();
-        SystemHost host;
         const mode_t previous = ::umask(077);
         const bool started = host.startDaemon();
         ::umask(previous);
         QVERIFY(started);
-        struct stat info
-        {
-        };
-        QCOMPARE(::stat(QFile::encodeName(VpnServiceProtocol::socketPath()).constData(), &info), 0);
+        struct stat info = {};
+        QCOMPARE(::stat(path.constData(), &info), 0);
         QCOMPARE(info.st_mode & 0777, mode_t(0666));
-        QVERIFY(S_ISSOCK(info.st_mode));
+        QVERIFY(!host.daemonLog().contains("stale socket detected"));
     }
 
+    // Unreachable, the older instance ends rather than run on for nobody;
+    // the socket file it leaves is the newer one's.
     void secondInstanceTakesOver()
     {
         REQUIRE_SANDBOX();
         SystemHost first;
         QVERIFY(first.startDaemon());
-        SystemHost second; // same fixed paths: the newer daemon owns the socket
+        SystemHost second;
         QVERIFY(second.startDaemon());
-        // Unreachable now, the older one ends rather than run on for nobody.
         QVERIFY(first.daemon().waitForFinished(10000));
         QCOMPARE(first.daemon().exitCode(), 1);
         QVERIFY(first.daemonLog().contains("[MacVpnServiceServer] socket lost"));
-        QVERIFY(QFileInfo::exists(VpnServiceProtocol::socketPath()));
-        QCOMPARE(second.request({{"command", "status"}}).value("ok").toBool(), true);
+        QCOMPARE(second.request(StatusRequest), reply(true, "disconnected"));
         QCOMPARE(second.stopDaemon(), 0);
         QVERIFY(!QFileInfo::exists(VpnServiceProtocol::socketPath()));
+    }
+
+    void exitsWithOneWhenItCannotListen_data()
+    {
+        QTest::addColumn<bool>("directoryAtPath"); // else /private/tmp is a file
+        QTest::newRow("the directory is a file") << false;
+        QTest::newRow("a directory at the path") << true; // taken for a stale socket first
     }
 
     void exitsWithOneWhenItCannotListen()
     {
         REQUIRE_SANDBOX();
+        QFETCH(bool, directoryAtPath);
         SystemHost host;
-        QDir(QStringLiteral("/private/tmp")).removeRecursively();
-        QFile blocker(QStringLiteral("/private/tmp"));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
+        if (directoryAtPath) {
+            QVERIFY(QDir().mkpath(VpnServiceProtocol::socketPath()));
+        } else {
+            QDir("/private/tmp").removeRecursively();
+            QFile("/private/tmp").open(QIODevice::WriteOnly);
+        }
         QVERIFY(!host.startDaemon());
-        QCOMPARE(host.daemon().state(), QProcess::NotRunning);
         QCOMPARE(host.daemon().exitCode(), 1);
-        QVERIFY(host.daemonLog().contains(QStringLiteral("[MacVpnServiceServer] listen failed")));
-        QFile::remove(QStringLiteral("/private/tmp"));
-        QDir().mkpath(QStringLiteral("/private/tmp"));
+        QVERIFY(host.daemonLog().contains("[MacVpnServiceServer] listen failed"));
+        QCOMPARE(host.daemonLog().contains("stale socket detected"), directoryAtPath);
+        QDir(VpnServiceProtocol::socketPath()).removeRecursively();
+        QFile::remove("/private/tmp");
+        QDir().mkpath("/private/tmp");
     }
 
     void endsInOrderOnStopSignals_data()
@@ -114,10 +166,14 @@ private Q_SLOTS:
         REQUIRE_SANDBOX();
         QFETCH(int, signalNumber);
         SystemHost host;
-        QVERIFY(host.startDaemon());
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        QCOMPARE(host.request(connectRequest())["status"], "connected");
         QCOMPARE(host.stopDaemon(signalNumber), 0);
+        QCOMPARE(host.stateBytes(), before);
+        QVERIFY(!host.hostsFile().contains("TARVEX"));
+        QVERIFY(!host.tunnelRunning());
         QVERIFY(!QFileInfo::exists(VpnServiceProtocol::socketPath()));
-        QVERIFY(host.daemonLog().contains(QStringLiteral("[MacVpnBackend] cleanup")));
     }
 };
 

@@ -1,0 +1,251 @@
+// The backend's own texts and decisions, in-process: the set transaction, the
+// reading of replies, addresses and settings, the command runner, and the
+// statuses and signals of a connect. What it does to the host is the system
+// tests' business.
+#include "ClientConfig.h"
+#include "FakeHost.h"
+
+#include "backend/MacVpnBackend.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+const QString Typical =
+    QString("set=1\nprivate_key=%1\nreplace_peers=true\njc=4\njmin=40\njmax=70\n"
+            "public_key=%2\npreshared_key=%3\nendpoint=203.0.113.5:51820\n"
+            "replace_allowed_ips=true\npersistent_keepalive_interval=25\n"
+            "allowed_ip=0.0.0.0/0\nallowed_ip=::/0\n")
+        .arg(TestKeys::ClientPrivateHex, TestKeys::ServerPublicHex, TestKeys::PresharedHex);
+
+using Statuses = QList<PlatformVpnBackend::Status>;
+
+Statuses statuses(QSignalSpy &spy)
+{
+    Statuses list;
+    for (const QList<QVariant> &arguments : std::as_const(spy))
+        list.append(arguments.at(0).value<PlatformVpnBackend::Status>());
+    spy.clear();
+    return list;
+}
+
+} // namespace
+
+class TestBackend : public QObject
+{
+    Q_OBJECT
+
+private:
+    MacVpnBackend pure{FakeHost().environment()}; // for what reads no host
+
+private Q_SLOTS:
+    void setTransaction_data()
+    {
+        QTest::addColumn<QJsonObject>("overrides");
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("typical") << QJsonObject() << "203.0.113.5" << Typical;
+        // Defaults, a number where text belongs, lower-case names never read.
+        QString plain = Typical;
+        plain.replace(QRegularExpression("j[a-z]+=\\d+\\n|preshared_key=.*\\n"), QString())
+            .replace("interval=25", "interval=60")
+            .replace("endpoint=203.0.113.5:51820", "endpoint=[2001:db8::5]:443");
+        QTest::newRow("defaults, IPv6 endpoint") << QJsonObject{{"Jc", QJsonValue::Null},
+                                                                {"jc", "4"},
+                                                                {"Jmin", 40},
+                                                                {"Jmax", ""},
+                                                                {"psk_key", ""},
+                                                                {"persistent_keep_alive", 25},
+                                                                {"port", "443"},
+                                                                {"allowed_ips", QJsonArray{" ", 5}}}
+                                                 << "2001:db8::5" << plain;
+        QString amnezia = Typical;
+        amnezia.replace("jmax=70\n", "jmax=70\ns1=15\nh4=5-9\ni1=<b 0x01>\n");
+        QTest::newRow("AmneziaWG parameters in order")
+            << QJsonObject{{"I1", "<b 0x01>"}, {"H4", "5-9"}, {"S1", "15"}} << "203.0.113.5"
+            << amnezia;
+    }
+
+    void setTransaction()
+    {
+        QFETCH(QJsonObject, overrides);
+        QFETCH(QString, host);
+        QFETCH(QString, text);
+        ParsedVpnConfig config = clientConfig(overrides);
+        config.hostName = host;
+        QCOMPARE(pure.uapiSetConfig(config), text);
+    }
+
+    void readsErrorNumbers_data()
+    {
+        QTest::addColumn<QString>("reply");
+        QTest::addColumn<int>("error");
+        QTest::newRow("success") << "errno=0" << 0;
+        QTest::newRow("after a listing") << "private_key=ab\nlisten_port=0\nerrno=-22" << -22;
+        QTest::newRow("empty") << "" << -1;
+        QTest::newRow("no value") << "errno" << -1;
+        QTest::newRow("no key") << "=5" << -1;
+        QTest::newRow("other case") << "ERRNO=0" << -1;
+        QTest::newRow("not a number") << "errno=abc" << -1;
+        QTest::newRow("too large") << "errno=9999999999" << -1;
+    }
+
+    void readsErrorNumbers()
+    {
+        QFETCH(QString, reply);
+        QFETCH(int, error);
+        QCOMPARE(pure.uapiErrno(reply), error);
+    }
+
+    void classifiesRoutes_data()
+    {
+        QTest::addColumn<QString>("route");
+        QTest::addColumn<QString>("family"); // "" when neither IPv4 nor IPv6
+        QTest::addColumn<QString>("type");
+        QTest::newRow("net") << "10.0.0.0/8"
+                             << "inet"
+                             << "-net";
+        QTest::newRow("address with blanks") << " 10.0.0.1 "
+                                             << "inet"
+                                             << "-host";
+        QTest::newRow("host with prefix") << "10.1.2.3/32"
+                                          << "inet"
+                                          << "-net";
+        QTest::newRow("prefix 33") << "10.0.0.0/33"
+                                   << ""
+                                   << "-net";
+        QTest::newRow("negative prefix") << "10.0.0.0/-1"
+                                         << ""
+                                         << "-net";
+        QTest::newRow("empty prefix") << "10.0.0.0/"
+                                      << ""
+                                      << "-net";
+        QTest::newRow("host name") << "vpn.example.net"
+                                   << ""
+                                   << "-host";
+        QTest::newRow("IPv6 everything") << "::/0"
+                                         << "inet6"
+                                         << "-net";
+        QTest::newRow("IPv6 prefix 129") << "2001:db8::/129"
+                                         << ""
+                                         << "-net";
+        QTest::newRow("IPv6 address") << "2001:db8::1"
+                                      << "inet6"
+                                      << "-host";
+        QTest::newRow("empty") << ""
+                               << ""
+                               << "-host";
+    }
+
+    void classifiesRoutes()
+    {
+        QFETCH(QString, route);
+        QFETCH(QString, family);
+        QFETCH(QString, type);
+        QCOMPARE(pure.isIpv4Route(route), family == "inet");
+        QCOMPARE(pure.isIpv6Route(route), family == "inet6");
+        QCOMPARE(pure.routeFamily(route), family == "inet6" ? "inet6" : "inet");
+        QCOMPARE(pure.routeType(route), type);
+    }
+
+    void derivesValues()
+    {
+        const auto port = [this](const QJsonValue &value) {
+            return pure.endpointPort(clientConfig({{"port", value}}));
+        };
+        QCOMPARE(port(51820), 51820);
+        QCOMPARE(port("51820"), 51820);
+        for (const QJsonValue &bad : {QJsonValue(1.5), QJsonValue(3e9), QJsonValue("x"),
+                                      QJsonValue(""), QJsonValue(QJsonValue::Null)})
+            QCOMPARE(port(bad), 0);
+        QCOMPARE(pure.clientIpv4(clientConfig({{"client_ip", "10.0.0.2/24"}})), "10.0.0.2");
+        QCOMPARE(pure.clientIpv4(clientConfig({{"client_ip", "/24"}})), "");
+        QCOMPARE(
+            pure.allowedIps(clientConfig({{"allowed_ips", QJsonArray{" 10.0.0.0/8 ", "", 5}}})),
+            QStringList{"10.0.0.0/8"});
+        QCOMPARE(pure.allowedIps(clientConfig({{"allowed_ips", "10.0.0.0/8"}})),
+                 (QStringList{"0.0.0.0/0", "::/0"}));
+        QCOMPARE(pure.hexKey(QString(TestKeys::Preshared) + "\n"), TestKeys::PresharedHex);
+
+        const auto split = [this](const QVariantMap &settings) {
+            const auto read = pure.splitTunnelFromPeer({{"splitTunnel", settings}});
+            return std::tuple(read.enabled, read.mode, read.entries.size());
+        };
+        const QVariantList one{QVariantMap{{"value", "10.0.0.0/8"}}};
+        QCOMPARE(split({}), std::tuple(false, 0, 0));
+        QCOMPARE(split({{"enabled", true}, {"mode", 3}, {"entries", one}}),
+                 std::tuple(false, 0, 1));
+        QCOMPARE(split({{"enabled", true}, {"entries", one}}), std::tuple(false, 0, 1));
+        QCOMPARE(split({{"enabled", false}, {"mode", 2}}), std::tuple(false, 2, 0));
+        QCOMPARE(split({{"enabled", true}, {"mode", "1"}}), std::tuple(true, 1, 0));
+    }
+
+    void runsCommands()
+    {
+        QString out = "untouched", err;
+        QVERIFY(!pure.runCommand("/nonexistent/tool", {}, &out, &err, 1000));
+        QCOMPARE(out, "untouched");
+        QVERIFY(!err.isEmpty());
+        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "echo out; echo err >&2; exit 1"}, &out, &err,
+                                 1000));
+        QCOMPARE(out, "out\n");
+        QCOMPARE(err, "err\n");
+        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "kill -9 $$"}, nullptr, nullptr, 1000));
+        out = "untouched";
+        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "echo early; sleep 5"}, &out, nullptr, 300));
+        QCOMPARE(out, "untouched");
+        QVERIFY(pure.runCommand("/bin/sh", {"-c", "true"}, &out, &err, 1000));
+        QCOMPARE(out + err, "");
+    }
+
+    // The statuses and signals a client of the interface sees.
+    void signalsTheSequence()
+    {
+        FakeHost host;
+        const QByteArray before = host.stateBytes();
+        auto backend = std::make_unique<MacVpnBackend>(host.environment());
+        QSignalSpy changed(backend.get(), &PlatformVpnBackend::statusChanged);
+        QSignalSpy connected(backend.get(), &PlatformVpnBackend::connected);
+        QSignalSpy disconnected(backend.get(), &PlatformVpnBackend::disconnected);
+        QSignalSpy errors(backend.get(), &PlatformVpnBackend::errorOccurred);
+        using S = PlatformVpnBackend;
+
+        static_cast<PlatformVpnBackend &>(*backend).connectVpn(clientConfig());
+        QCOMPARE(statuses(changed), (Statuses{S::Connecting, S::Error}));
+        QCOMPARE(errors.takeFirst().at(0).toString(),
+                 QStringLiteral("Не найден amneziawg-go рядом с приложением"));
+        backend->disconnectVpn();
+        QCOMPARE(statuses(changed), (Statuses{S::Disconnecting, S::Disconnected}));
+        QCOMPARE(backend->lastError(), QString());
+
+        host.installTunnel();
+        for (int round = 0; round < 2; ++round) { // the second replaces the first
+            backend->connectVpn(clientConfig(), {});
+            QCOMPARE(statuses(changed), (Statuses{S::Connecting, S::Connected}));
+        }
+        QCOMPARE(connected.count(), 2);
+        QCOMPARE(disconnected.count(), 1);
+        QVariantMap details;
+        QVERIFY(backend->refreshStatus(&details));
+        QCOMPARE(details.value("interface").toString(), QStringLiteral("utun2"));
+        QCOMPARE(details.value("endpoint").toString(), QStringLiteral("203.0.113.5:51820"));
+        QVERIFY(details.contains("lastHandshake") && details.contains("receivedBytes"));
+
+        backend->disconnectVpn();
+        backend->disconnectVpn(); // changes nothing, says so again
+        QCOMPARE(statuses(changed), (Statuses{S::Disconnecting, S::Disconnected}));
+        QCOMPARE(disconnected.count(), 3);
+        QVERIFY(!backend->refreshStatus(&details));
+        QVERIFY(details.isEmpty());
+        QCOMPARE(host.stateBytes(), before);
+
+        backend->connectVpn(clientConfig(), {});
+        backend.reset(); // ending the backend undoes the tunnel too
+        QCOMPARE(host.stateBytes(), before);
+        QCOMPARE(errors.count(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBackend)
+#include "tst_backend.moc"
