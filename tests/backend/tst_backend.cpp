@@ -1,13 +1,11 @@
 // The backend's own texts and decisions, in-process: the set transaction, the
-// reading of replies, addresses and settings, the command runner, and the
-// statuses and signals of a connect. What it does to the host is the system
-// tests' business.
+// reading of replies, addresses and settings, and the command runner. What it
+// does to the host is the system tests' business.
 #include "ClientConfig.h"
-#include "FakeHost.h"
+#include "EmptyHost.h"
 
 #include "backend/MacVpnBackend.h"
 
-#include <QSignalSpy>
 #include <QTest>
 
 namespace {
@@ -19,17 +17,6 @@ const QString Typical =
             "allowed_ip=0.0.0.0/0\nallowed_ip=::/0\n")
         .arg(TestKeys::ClientPrivateHex, TestKeys::ServerPublicHex, TestKeys::PresharedHex);
 
-using Statuses = QList<PlatformVpnBackend::Status>;
-
-Statuses statuses(QSignalSpy &spy)
-{
-    Statuses list;
-    for (const QList<QVariant> &arguments : std::as_const(spy))
-        list.append(arguments.at(0).value<PlatformVpnBackend::Status>());
-    spy.clear();
-    return list;
-}
-
 } // namespace
 
 class TestBackend : public QObject
@@ -37,7 +24,8 @@ class TestBackend : public QObject
     Q_OBJECT
 
 private:
-    MacVpnBackend pure{FakeHost().environment()}; // for what reads no host
+    QTemporaryDir dir;
+    MacVpnBackend pure{emptyHost(dir)};
 
 private Q_SLOTS:
     void setTransaction_data()
@@ -197,53 +185,6 @@ private Q_SLOTS:
         QCOMPARE(out, "untouched");
         QVERIFY(pure.runCommand("/bin/sh", {"-c", "true"}, &out, &err, 1000));
         QCOMPARE(out + err, "");
-    }
-
-    // The statuses and signals a client of the interface sees.
-    void signalsTheSequence()
-    {
-        FakeHost host;
-        const QByteArray before = host.stateBytes();
-        auto backend = std::make_unique<MacVpnBackend>(host.environment());
-        QSignalSpy changed(backend.get(), &PlatformVpnBackend::statusChanged);
-        QSignalSpy connected(backend.get(), &PlatformVpnBackend::connected);
-        QSignalSpy disconnected(backend.get(), &PlatformVpnBackend::disconnected);
-        QSignalSpy errors(backend.get(), &PlatformVpnBackend::errorOccurred);
-        using S = PlatformVpnBackend;
-
-        static_cast<PlatformVpnBackend &>(*backend).connectVpn(clientConfig());
-        QCOMPARE(statuses(changed), (Statuses{S::Connecting, S::Error}));
-        QCOMPARE(errors.takeFirst().at(0).toString(),
-                 QStringLiteral("Не найден amneziawg-go рядом с приложением"));
-        backend->disconnectVpn();
-        QCOMPARE(statuses(changed), (Statuses{S::Disconnecting, S::Disconnected}));
-        QCOMPARE(backend->lastError(), QString());
-
-        host.installTunnel();
-        for (int round = 0; round < 2; ++round) { // the second replaces the first
-            backend->connectVpn(clientConfig(), {});
-            QCOMPARE(statuses(changed), (Statuses{S::Connecting, S::Connected}));
-        }
-        QCOMPARE(connected.count(), 2);
-        QCOMPARE(disconnected.count(), 1);
-        QVariantMap details;
-        QVERIFY(backend->refreshStatus(&details));
-        QCOMPARE(details.value("interface").toString(), QStringLiteral("utun2"));
-        QCOMPARE(details.value("endpoint").toString(), QStringLiteral("203.0.113.5:51820"));
-        QVERIFY(details.contains("lastHandshake") && details.contains("receivedBytes"));
-
-        backend->disconnectVpn();
-        backend->disconnectVpn(); // changes nothing, says so again
-        QCOMPARE(statuses(changed), (Statuses{S::Disconnecting, S::Disconnected}));
-        QCOMPARE(disconnected.count(), 3);
-        QVERIFY(!backend->refreshStatus(&details));
-        QVERIFY(details.isEmpty());
-        QCOMPARE(host.stateBytes(), before);
-
-        backend->connectVpn(clientConfig(), {});
-        backend.reset(); // ending the backend undoes the tunnel too
-        QCOMPARE(host.stateBytes(), before);
-        QCOMPARE(errors.count(), 0);
     }
 };
 

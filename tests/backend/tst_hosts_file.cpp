@@ -1,10 +1,9 @@
 // The marked block in /etc/hosts: only a complete block of ours is replaced
 // or removed, and every other byte of the file stays as it was.
-#include "FakeHost.h"
+#include "EmptyHost.h"
 
 #include "backend/MacVpnBackend.h"
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QTest>
 
@@ -56,14 +55,14 @@ private Q_SLOTS:
         QFETCH(QByteArray, original);
         QFETCH(QByteArray, pinned);
         QFETCH(QByteArray, unpinned);
-        QCoreApplication::setOrganizationDomain(QString());
-        FakeHost host;
-        QFile file(host.hostsFile());
+        QTemporaryDir dir;
+        const MacHostEnvironment host = emptyHost(dir);
+        QFile file(host.hostsFile);
         QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         file.write(original);
         file.close();
-        ::chmod(QFile::encodeName(host.hostsFile()).constData(), 0640);
-        MacVpnBackend backend(host.environment());
+        ::chmod(QFile::encodeName(host.hostsFile).constData(), 0640);
+        MacVpnBackend backend(host);
         const auto read = [&file] {
             file.open(QIODevice::ReadOnly);
             const QByteArray bytes = file.readAll();
@@ -76,7 +75,7 @@ private Q_SLOTS:
             backend.pinControlPlaneHosts({"198.51.100.10", "198.51.100.11"});
         QCOMPARE(read(), pinned);
         struct stat info = {};
-        QCOMPARE(::stat(QFile::encodeName(host.hostsFile()).constData(), &info), 0);
+        QCOMPARE(::stat(QFile::encodeName(host.hostsFile).constData(), &info), 0);
         QCOMPARE(info.st_mode & 07777, mode_t(0640));
         backend.unpinControlPlaneHosts();
         QCOMPARE(read(), unpinned);

@@ -22,3 +22,39 @@ finish() {
   echo "$passed passed, $failed failed"
   [ "$failed" -eq 0 ]
 }
+
+export MACSIM_STATE_DIR=/var/lib/tarvex-sim
+# The stand-ins at the macOS tools' paths, on a fresh simulated host.
+standin_tools() {
+  for tool in /sbin/route /sbin/ifconfig /usr/sbin/networksetup /usr/bin/dscacheutil /usr/bin/killall; do
+    ln -sf "$BIN/mactools" "$tool"
+  done
+  "$BIN/mactools" reset
+}
+# The simulated host, apart from which process owns the utun, and /etc/hosts.
+host_state() {
+  python3 -c 'import json, sys; print(json.dumps(json.load(open(sys.argv[1])), indent=1, sort_keys=True))' \
+    "$MACSIM_STATE_DIR/host.json" | grep -v '"owner"'
+  cat /etc/hosts
+}
+answers() {
+  for _ in $(seq 200); do "$BIN/tarvexctl" status > /dev/null 2>&1 && return 0; sleep 0.05; done
+  return 1
+}
+# The daemon as the bundle holds it, in /opt/tarvex; returns once it answers.
+start_daemon() {
+  mkdir -p /opt/tarvex && cp "$BIN/TarvexVpnService" /opt/tarvex/
+  (cd / && exec /opt/tarvex/TarvexVpnService > /tmp/service.log 2>&1) &
+  answers
+}
+# A full-tunnel connection string to the simulated server.
+test_string() {
+  . "$ROOT/scripts/realnet.sh"
+  vpn_string <<'JSON'
+{"containers":[{"container":"amnezia-awg","awg":{"last_config":{
+   "client_ip":"10.8.1.2/32","client_priv_key":"ZVoO6oBGlRDVRhz2TrciUtBetVKg5gtm+L/V+7S4Tno=",
+   "server_pub_key":"jGYfq/MqYAM+o/7X1TmLrBSrwA+43aECWlUk9pbHyjE=",
+   "hostName":"203.0.113.5","port":51820,"allowed_ips":["0.0.0.0/0","::/0"]}}}],
+ "defaultContainer":"amnezia-awg","dns1":"1.1.1.1","hostName":"203.0.113.5"}
+JSON
+}

@@ -180,20 +180,6 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
     }
 
-    void refusesInterfaceThatIsNotItsOwnUtun()
-    {
-        REQUIRE_SANDBOX();
-        SystemHost host;
-        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=name=en0"}));
-        const QByteArray before = host.stateBytes();
-        const QJsonObject answer = host.request(connectRequest());
-        QCOMPARE(answer.value("status").toString(), QStringLiteral("error"));
-        QVERIFY(answer.value("error").toString().startsWith("Не удалось создать VPN-интерфейс: "));
-        QVERIFY(host.calls("ifconfig").isEmpty());
-        QVERIFY(host.daemonLog().contains("[MacVpnBackend] name file names no utun interface"));
-        QCOMPARE(host.stateBytes(), before);
-    }
-
     // A resolver that takes every question and never answers: the names cost
     // the connect one deadline, and other clients are served meanwhile.
     void deadResolverCostsOneDeadline()

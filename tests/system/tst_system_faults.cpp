@@ -1,10 +1,8 @@
-// Many connect/disconnect cycles against the unmodified daemon, each with a
-// fault drawn from a seeded generator: a set-up command failing or hanging at
-// a random step, the tunnel program dying while connected, SIGTERM at a
-// random moment, or SIGKILL at a random step, sometimes again in the middle
-// of the undo at the next start. After every cycle the simulated host and
-// /etc/hosts must be exactly as before. TARVEX_FAULT_SEED and
-// TARVEX_FAULT_CYCLES change the run.
+// Faults while the unmodified daemon changes the host: SIGKILL at every step
+// of a connect and a disconnect, the machine restarting under it, and many
+// cycles each with a fault drawn from a seeded generator. Afterwards the host
+// and /etc/hosts must be exactly as before, and the next connect must work.
+// TARVEX_FAULT_SEED and TARVEX_FAULT_CYCLES change the random run.
 #include "Requests.h"
 #include "SystemHost.h"
 
@@ -21,11 +19,13 @@ namespace {
 // byte for byte as it was.
 const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com\n\n";
 
+// Full tunnel with an exclusion: every kind of host change there is.
+const QJsonObject Everything = connectRequest(clientConfig(), 2, {"203.0.113.0/24"});
+
 qint64 tunnelPid(const SystemHost &host)
 {
-    const QJsonObject interfaces = host.state().value("interfaces").toObject();
-    for (auto it = interfaces.begin(); it != interfaces.end(); ++it) {
-        if (const qint64 owner = it.value().toObject().value("owner").toInteger())
+    for (const QJsonValue &interface : host.state().value("interfaces").toObject()) {
+        if (const qint64 owner = interface["owner"].toInteger())
             return owner;
     }
     return 0;
@@ -37,8 +37,81 @@ class TestSystemFaults : public QObject
 {
     Q_OBJECT
 
+private:
+    std::unique_ptr<SystemHost> host;
+    QByteArray before;
+    qsizetype killPoints = 0;
+    QStringList steps; // the commands of a connect that change the host
+
+    // Starts the daemon and runs one clean cycle, to learn its commands.
+    void start()
+    {
+        host = std::make_unique<SystemHost>();
+        host->writeHostsFile(Hosts);
+        QVERIFY(host->startWithTunnel());
+        before = host->stateBytes();
+        const qsizetype first = host->calls().size();
+        QCOMPARE(host->request(Everything)["status"], "connected");
+        steps.clear();
+        for (const QStringList &call : host->calls().mid(first)) {
+            if (call[0] != "dscacheutil" && call[0] != "killall" && !call.contains("get") &&
+                !call.contains("monitor"))
+                steps.append(call.join(' '));
+        }
+        host->request(DisconnectRequest);
+        killPoints = host->calls().size() - first;
+        QCOMPARE(host->stateBytes(), before);
+    }
+
+    // The daemon, started again if it ended, has left the host as it was.
+    bool restored()
+    {
+        if (host->daemon().state() != QProcess::Running && !host->startDaemon())
+            return false;
+        return !host->tunnelRunning() && host->stateBytes() == before && host->hostsFile() == Hosts;
+    }
+
 private Q_SLOTS:
-    void everyCycleRestoresTheHost()
+    void killedAtEveryStep()
+    {
+        REQUIRE_SANDBOX();
+        start();
+        for (qsizetype step = 1; step <= killPoints; ++step) {
+            host->killDaemonAt(host->calls().size() + step);
+            if (host->request(Everything)["ok"].toBool())
+                host->request(DisconnectRequest);
+            host->waitForKill();
+            host->setFaults({});
+            const QByteArray what = QString("killed after step %1").arg(step).toUtf8();
+            QVERIFY2(restored(), what);
+            QVERIFY2(host->request(connectRequest())["status"] == "connected", what);
+            host->request(DisconnectRequest);
+        }
+        std::printf("kill points tried: %lld, host restored after every one\n",
+                    qlonglong(killPoints));
+    }
+
+    // Routes and the utun are gone after a restart of the machine; DNS
+    // settings and /etc/hosts are not.
+    void machineRestartedWhileConnected()
+    {
+        REQUIRE_SANDBOX();
+        start();
+        QCOMPARE(host->request(Everything)["status"], "connected");
+        ::kill(pid_t(host->daemon().processId()), SIGKILL);
+        ::kill(pid_t(tunnelPid(*host)), SIGKILL);
+        QVERIFY(host->daemon().waitForFinished(10000));
+        QJsonObject rebooted = QJsonDocument::fromJson(before).object();
+        rebooted.insert("services", host->state().value("services"));
+        host->writeState(rebooted);
+        QVERIFY(host->stateBytes() != before);
+        QVERIFY(restored());
+    }
+
+    // A set-up command failing or hanging at a random step, the tunnel
+    // program dying while connected, SIGTERM at a random moment, or SIGKILL
+    // at a random step, sometimes again in the middle of the undo.
+    void randomFaults()
     {
         REQUIRE_SANDBOX();
         const quint32 seed = qEnvironmentVariableIsSet("TARVEX_FAULT_SEED")
@@ -48,98 +121,59 @@ private Q_SLOTS:
                                ? qEnvironmentVariableIntValue("TARVEX_FAULT_CYCLES")
                                : 40;
         QRandomGenerator random(seed);
-
-        SystemHost host;
-        host.installTunnel();
-        host.writeHostsFile(Hosts);
-        QVERIFY(host.startDaemon());
-        const QByteArray state = host.stateBytes();
-        const QJsonObject request = connectRequest(clientConfig(), 2, {"203.0.113.0/24"});
-
-        // The set-up commands of a clean connect are the steps a fault can hit;
-        // every command of a connect and a disconnect is a point to be killed at.
-        const qsizetype first = host.calls().size();
-        QCOMPARE(host.request(request).value("status").toString(), QStringLiteral("connected"));
-        QStringList steps;
-        for (const QStringList &call : host.calls()) {
-            const QString line = call.join(' ');
-            if (!line.contains(" delete ") && !line.contains(" get ") &&
-                !line.startsWith("dscacheutil") && !line.startsWith("killall"))
-                steps.append(line);
-        }
-        host.request(DisconnectRequest);
-        const qsizetype killPoints = host.calls().size() - first;
-        QCOMPARE(host.stateBytes(), state);
-        QCOMPARE(host.hostsFile(), Hosts);
-
+        start();
         enum Scenario { Clean, Fail, Hang, TunnelDies, Term, Kill, Scenarios };
         const char *const names[] = {"clean",       "failing step", "hanging step",
                                      "tunnel died", "SIGTERM",      "SIGKILL"};
+        const int odds[] = {3, 6, 1, 3, 3, 4}; // in 20
         int counts[Scenarios] = {};
         for (int cycle = 0; cycle < cycles; ++cycle) {
-            const int draw = int(random.bounded(20));
-            const auto scenario = Scenario(draw < 3    ? Clean
-                                           : draw < 9  ? Fail
-                                           : draw < 10 ? Hang
-                                           : draw < 13 ? TunnelDies
-                                           : draw < 16 ? Term
-                                                       : Kill);
+            int draw = int(random.bounded(20)), scenario = 0;
+            while (draw >= odds[scenario])
+                draw -= odds[scenario++];
             ++counts[scenario];
             const QString step = steps.at(int(random.bounded(steps.size())));
-            const qsizetype killAt =
-                host.calls().size() + 1 + qsizetype(random.bounded(killPoints));
-            const bool killBefore = random.bounded(2) == 1;
-            const bool killAgain = random.bounded(2) == 1;
-            QString what = QLatin1String(names[scenario]);
+            const qsizetype killAt = 1 + qsizetype(random.bounded(killPoints));
+            const bool killBefore = random.bounded(2) == 1, killAgain = random.bounded(2) == 1;
+            QString what =
+                QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(names[scenario]);
             if (scenario == Fail || scenario == Hang)
                 what += ": " + step;
             if (scenario == Kill)
                 what += QString(" %1 step %2%3")
                             .arg(killBefore ? "before" : "after")
-                            .arg(killAt - host.calls().size())
-                            .arg(killAgain ? ", and again during the undo" : "");
-            std::printf("cycle %d: %s\n", cycle, qPrintable(what));
+                            .arg(killAt)
+                            .arg(killAgain ? ", again in the undo" : "");
+            std::printf("%s\n", qPrintable(what));
             std::fflush(stdout);
-            const QByteArray context =
-                QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(what).toUtf8();
 
             if (scenario == Fail || scenario == Hang)
-                host.setFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
+                host->setFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
             if (scenario == Kill)
-                host.killDaemonAt(killAt, killBefore);
+                host->killDaemonAt(host->calls().size() + killAt, killBefore);
             if (scenario == Term) {
-                auto reply = std::async(std::launch::async,
-                                        [&host, &request] { return host.request(request); });
+                auto reply =
+                    std::async(std::launch::async, [this] { return host->request(Everything); });
                 QTest::qWait(int(random.bounded(600)));
-                QCOMPARE(host.stopDaemon(SIGTERM), 0);
+                QCOMPARE(host->stopDaemon(SIGTERM), 0);
                 reply.wait();
-                QVERIFY(host.startDaemon());
             } else if (scenario == Kill) {
-                if (host.request(request).value("ok").toBool())
-                    host.request(DisconnectRequest);
-                host.waitForKill();
+                if (host->request(Everything)["ok"].toBool())
+                    host->request(DisconnectRequest);
+                host->waitForKill();
                 if (killAgain) {
-                    host.killDaemonAt(host.calls().size() + 1 + qsizetype(random.bounded(4)));
-                    host.startDaemon(); // may die in the middle of its undo
+                    host->killDaemonAt(host->calls().size() + 1 + qsizetype(random.bounded(4)));
+                    host->startDaemon(); // may die in the middle of its undo
                 }
-                host.setFaults({});
-                if (host.daemon().state() != QProcess::Running)
-                    QVERIFY(host.startDaemon());
             } else {
-                host.request(request);
-                if (scenario == TunnelDies) {
-                    if (const qint64 pid = tunnelPid(host))
-                        ::kill(pid_t(pid), SIGKILL);
-                    QTest::qWait(50);
-                }
-                host.setFaults({});
-                QCOMPARE(host.request(DisconnectRequest).value("status").toString(),
-                         QStringLiteral("disconnected"));
+                host->request(Everything);
+                if (scenario == TunnelDies && tunnelPid(*host))
+                    ::kill(pid_t(tunnelPid(*host)), SIGKILL), QTest::qWait(50);
+                host->setFaults({});
+                QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
             }
-
-            QVERIFY2(!host.tunnelRunning(), context.constData());
-            QVERIFY2(host.stateBytes() == state, context.constData());
-            QVERIFY2(host.hostsFile() == Hosts, context.constData());
+            host->setFaults({});
+            QVERIFY2(restored(), qPrintable(what));
         }
         std::printf("seed %u: %d cycles (", seed, cycles);
         for (int i = 0; i < Scenarios; ++i)

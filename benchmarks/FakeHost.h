@@ -10,7 +10,7 @@
 
 #include <memory>
 
-// A private, simulated macOS host for one test or benchmark: the stand-in
+// A private, simulated macOS host for one benchmark: the stand-in
 // tools under their real names in a temporary directory with their state, a
 // hosts file, runtime and journal directories, an application directory for
 // the tunnel program, and a scripted resolver. Nothing of the real machine is
@@ -23,7 +23,6 @@ public:
     MacHostEnvironment environment() const;
     QString path(const QString &relative) const { return dir.filePath(relative); }
     QString hostsFile() const { return path("hosts"); }
-    QByteArray stateBytes() const { return simulated.stateBytes(); }
 
     // Puts the tunnel stand-in beside the application as amneziawg-go.
     void installTunnel();
