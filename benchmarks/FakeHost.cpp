@@ -7,13 +7,14 @@
 
 #include <unistd.h>
 
-FakeHost::FakeHost() : simulated(dir.filePath("state")), names(std::make_shared<Names>())
+FakeHost::FakeHost()
+    : simulated(dir.filePath("state"), binary("mactools")), names(std::make_shared<Names>())
 {
     for (const char *sub : {"tools", "state", "app"})
         QDir(dir.path()).mkpath(sub);
     for (const char *tool : {"route", "ifconfig", "networksetup", "dscacheutil", "killall"})
         QFile::link(binary("mactools"), path(QString("tools/") + tool));
-    simulated.reset(binary("mactools"));
+    simulated.reset();
     QFile hosts(hostsFile());
     if (hosts.open(QIODevice::WriteOnly))
         hosts.write("127.0.0.1\tlocalhost\n::1             localhost\n");

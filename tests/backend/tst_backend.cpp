@@ -39,15 +39,11 @@ private Q_SLOTS:
         plain.replace(QRegularExpression("j[a-z]+=\\d+\\n|preshared_key=.*\\n"), QString())
             .replace("interval=25", "interval=60")
             .replace("endpoint=203.0.113.5:51820", "endpoint=[2001:db8::5]:443");
-        QTest::newRow("defaults, IPv6 endpoint") << QJsonObject{{"Jc", QJsonValue::Null},
-                                                                {"jc", "4"},
-                                                                {"Jmin", 40},
-                                                                {"Jmax", ""},
-                                                                {"psk_key", ""},
-                                                                {"persistent_keep_alive", 25},
-                                                                {"port", "443"},
-                                                                {"allowed_ips", QJsonArray{" ", 5}}}
-                                                 << "2001:db8::5" << plain;
+        // clang-format off
+        const QJsonObject defaults{{"Jc", QJsonValue::Null}, {"jc", "4"}, {"Jmin", 40}, {"Jmax", ""},
+            {"psk_key", ""}, {"persistent_keep_alive", 25}, {"port", "443"}, {"allowed_ips", QJsonArray{" ", 5}}};
+        // clang-format on
+        QTest::newRow("defaults, IPv6 endpoint") << defaults << "2001:db8::5" << plain;
         QString amnezia = Typical;
         amnezia.replace("jmax=70\n", "jmax=70\ns1=15\nh4=5-9\ni1=<b 0x01>\n");
         QTest::newRow("AmneziaWG parameters in order")
@@ -69,14 +65,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("reply");
         QTest::addColumn<int>("error");
+        const QStringList failures = {"",        "errno",     "=5",
+                                      "ERRNO=0", "errno=abc", "errno=9999999999"};
+        for (const QString &failure : failures)
+            QTest::newRow(qPrintable("\"" + failure + "\"")) << failure << -1;
         QTest::newRow("success") << "errno=0" << 0;
         QTest::newRow("after a listing") << "private_key=ab\nlisten_port=0\nerrno=-22" << -22;
-        QTest::newRow("empty") << "" << -1;
-        QTest::newRow("no value") << "errno" << -1;
-        QTest::newRow("no key") << "=5" << -1;
-        QTest::newRow("other case") << "ERRNO=0" << -1;
-        QTest::newRow("not a number") << "errno=abc" << -1;
-        QTest::newRow("too large") << "errno=9999999999" << -1;
     }
 
     void readsErrorNumbers()
@@ -91,39 +85,21 @@ private Q_SLOTS:
         QTest::addColumn<QString>("route");
         QTest::addColumn<QString>("family"); // "" when neither IPv4 nor IPv6
         QTest::addColumn<QString>("type");
-        QTest::newRow("net") << "10.0.0.0/8"
-                             << "inet"
-                             << "-net";
-        QTest::newRow("address with blanks") << " 10.0.0.1 "
-                                             << "inet"
-                                             << "-host";
-        QTest::newRow("host with prefix") << "10.1.2.3/32"
-                                          << "inet"
-                                          << "-net";
-        QTest::newRow("prefix 33") << "10.0.0.0/33"
-                                   << ""
-                                   << "-net";
-        QTest::newRow("negative prefix") << "10.0.0.0/-1"
-                                         << ""
-                                         << "-net";
-        QTest::newRow("empty prefix") << "10.0.0.0/"
-                                      << ""
-                                      << "-net";
-        QTest::newRow("host name") << "vpn.example.net"
-                                   << ""
-                                   << "-host";
-        QTest::newRow("IPv6 everything") << "::/0"
-                                         << "inet6"
-                                         << "-net";
-        QTest::newRow("IPv6 prefix 129") << "2001:db8::/129"
-                                         << ""
-                                         << "-net";
-        QTest::newRow("IPv6 address") << "2001:db8::1"
-                                      << "inet6"
-                                      << "-host";
-        QTest::newRow("empty") << ""
-                               << ""
-                               << "-host";
+        const auto row = [](const char *name, const char *route, const char *family,
+                            const char *type) { QTest::newRow(name) << route << family << type; };
+        // clang-format off
+        row("net", "10.0.0.0/8", "inet", "-net");
+        row("address with blanks", " 10.0.0.1 ", "inet", "-host");
+        row("host with prefix", "10.1.2.3/32", "inet", "-net");
+        row("prefix 33", "10.0.0.0/33", "", "-net");
+        row("negative prefix", "10.0.0.0/-1", "", "-net");
+        row("empty prefix", "10.0.0.0/", "", "-net");
+        row("host name", "vpn.example.net", "", "-host");
+        row("IPv6 everything", "::/0", "inet6", "-net");
+        row("IPv6 prefix 129", "2001:db8::/129", "", "-net");
+        row("IPv6 address", "2001:db8::1", "inet6", "-host");
+        row("empty", "", "", "-host");
+        // clang-format on
     }
 
     void classifiesRoutes()

@@ -100,37 +100,27 @@ private Q_SLOTS:
             QTest::newRow(name) << input << QString(message) << QString(kept);
         };
         const auto doc = [](const QJsonObject &d) { return encodeConnectionString(d); };
+        // clang-format off
         row("empty", "", "Конфигурация соединения пустая");
         row("blanks and line breaks", " \n\t \r\n", "Конфигурация соединения пустая");
         row("prefix only", "vpn://", "Не удалось декодировать VPN-конфигурацию");
-        row("outside the alphabet", "vpn://!!! @@@ ***",
-            "Не удалось декодировать VPN-конфигурацию");
+        row("outside the alphabet", "vpn://!!! @@@ ***", "Не удалось декодировать VPN-конфигурацию");
         row("upper-case prefix", "VPN://" + valid, "Не удалось распаковать VPN-конфигурацию");
-        row("empty document", encodeConnectionString(QByteArray()),
-            "Не удалось распаковать VPN-конфигурацию");
-        row("not JSON", encodeConnectionString(QByteArray("not json")),
-            "VPN-конфигурация имеет неверный формат");
-        row("an array", encodeConnectionString(QByteArray("[1]")),
-            "VPN-конфигурация имеет неверный формат");
+        row("empty document", encodeConnectionString(QByteArray()), "Не удалось распаковать VPN-конфигурацию");
+        row("not JSON", encodeConnectionString(QByteArray("not json")), "VPN-конфигурация имеет неверный формат");
+        row("an array", encodeConnectionString(QByteArray("[1]")), "VPN-конфигурация имеет неверный формат");
         row("no containers", doc(document({})), "В VPN-конфигурации нет контейнеров", "rawConfig");
         QJsonObject text = document({});
         text.insert("containers", "awg");
         row("containers not a list", doc(text), "В VPN-конфигурации нет контейнеров", "rawConfig");
-        row("only empty containers", doc(document({QJsonObject(), 5})),
-            "Контейнер VPN-конфигурации не найден", "rawConfig");
-        row("default container absent", doc(document({container("a-awg", "awg")}, "b-awg")),
-            "Контейнер VPN-конфигурации не найден", "rawConfig");
-        row("no protocol", doc(document({QJsonObject{{"container", "plain"}, {"name", "x"}}})),
-            "Протокол VPN-конфигурации не найден", "container");
-        row("empty protocol settings",
-            doc(document({QJsonObject{{"container", "x-awg"}, {"awg", QJsonObject()}}})),
-            "Настройки протокола VPN-конфигурации не найдены", "protocolName");
-        row("no client configuration", doc(document({container("amnezia-awg", "awg", 42)})),
-            "В VPN-конфигурации нет client-конфига", "protocolConfig");
-        row("client configuration a list", doc(document({container("amnezia-awg", "awg", "[1]")})),
-            "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
-        row("client configuration broken", doc(document({container("amnezia-awg", "awg", "{x")})),
-            "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        row("only empty containers", doc(document({QJsonObject(), 5})), "Контейнер VPN-конфигурации не найден", "rawConfig");
+        row("default container absent", doc(document({container("a-awg", "awg")}, "b-awg")), "Контейнер VPN-конфигурации не найден", "rawConfig");
+        row("no protocol", doc(document({QJsonObject{{"container", "plain"}, {"name", "x"}}})), "Протокол VPN-конфигурации не найден", "container");
+        row("empty protocol settings", doc(document({QJsonObject{{"container", "x-awg"}, {"awg", QJsonObject()}}})), "Настройки протокола VPN-конфигурации не найдены", "protocolName");
+        row("no client configuration", doc(document({container("amnezia-awg", "awg", 42)})), "В VPN-конфигурации нет client-конфига", "protocolConfig");
+        row("client configuration a list", doc(document({container("amnezia-awg", "awg", "[1]")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        row("client configuration broken", doc(document({container("amnezia-awg", "awg", "{x")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        // clang-format on
     }
 
     void refuses()
@@ -165,21 +155,17 @@ private Q_SLOTS:
         QTest::addColumn<QString>("protocol");
         const QJsonArray both{container("office-wireguard", "wireguard"),
                               container("office-awg", "awg")};
-        QTest::newRow("the named default") << document(both, "office-awg") << "office-awg"
-                                           << "awg";
-        QTest::newRow("the first without a default") << document(both) << "office-wireguard"
-                                                     << "wireguard";
-        QTest::newRow("by member name") << document({container("my-vpn", "xray")}) << "my-vpn"
-                                        << "xray";
-        QTest::newRow("awg before wireguard")
-            << document({container("awg-over-wireguard", "awg")}) << "awg-over-wireguard"
-            << "awg";
+        // clang-format off
+        QTest::newRow("the named default") << document(both, "office-awg") << "office-awg" << "awg";
+        QTest::newRow("the first without a default") << document(both) << "office-wireguard" << "wireguard";
+        QTest::newRow("by member name") << document({container("my-vpn", "xray")}) << "my-vpn" << "xray";
+        QTest::newRow("awg before wireguard") << document({container("awg-over-wireguard", "awg")}) << "awg-over-wireguard" << "awg";
         // "awg" is no object here, so the first object member by name wins.
         QJsonObject odd = container("office-awg", "b-proto");
         odd.insert("awg", "not an object");
         odd.insert("c-proto", QJsonObject{{"last_config", "{}"}});
-        QTest::newRow("first object member") << document({odd}) << "office-awg"
-                                             << "b-proto";
+        QTest::newRow("first object member") << document({odd}) << "office-awg" << "b-proto";
+        // clang-format on
     }
 
     void chooses()

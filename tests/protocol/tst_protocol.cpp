@@ -21,16 +21,14 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("pieces");
         QTest::addColumn<int>("timeoutMs");
         QTest::addColumn<QString>("result"); // the object read, or the reason it was not
-        QTest::newRow("in chunks, a second line dropped")
-            << QList<QByteArray>{"{\"ok\":", "true}\n{\"second\":1}\n"} << 2000 << "{\"ok\":true}";
-        QTest::newRow("carriage return")
-            << QList<QByteArray>{"{\"a\":1}\r\n"} << 2000 << "{\"a\":1}";
+        // clang-format off
+        QTest::newRow("in chunks, a second line dropped") << QList<QByteArray>{"{\"ok\":", "true}\n{\"second\":1}\n"} << 2000 << "{\"ok\":true}";
+        QTest::newRow("carriage return") << QList<QByteArray>{"{\"a\":1}\r\n"} << 2000 << "{\"a\":1}";
         QTest::newRow("no line feed") << QList<QByteArray>{"{\"ok\":true}"} << 500 << "timeout";
         QTest::newRow("no time at all") << QList<QByteArray>{"{}\n"} << 0 << "timeout";
-        QTest::newRow("an array") << QList<QByteArray>{"[1,2]\n"} << 2000
-                                  << QJsonParseError().errorString();
-        QTest::newRow("words") << QList<QByteArray>{"plain words\n"} << 2000
-                               << QJsonParseError{0, QJsonParseError::IllegalValue}.errorString();
+        QTest::newRow("an array") << QList<QByteArray>{"[1,2]\n"} << 2000 << QJsonParseError().errorString();
+        QTest::newRow("words") << QList<QByteArray>{"plain words\n"} << 2000 << QJsonParseError{0, QJsonParseError::IllegalValue}.errorString();
+        // clang-format on
     }
 
     void readsOneMessage()

@@ -61,13 +61,13 @@ QString SystemHost::binary(const QString &name)
     return QDir(QCoreApplication::applicationDirPath()).filePath(name);
 }
 
-SystemHost::SystemHost() : SimulatedHost(QLatin1String(StateDir))
+SystemHost::SystemHost() : SimulatedHost(QLatin1String(StateDir), binary("mactools"))
 {
     Q_ASSERT(unavailableReason().isEmpty());
     for (const char *tool : ToolPaths)
         replaceWithLink(QLatin1String(tool), binary("mactools"));
     QDir(StateDir).removeRecursively();
-    reset(binary("mactools"));
+    reset();
     QDir().mkpath(InstallDir);
     replaceWithCopy(QString(InstallDir) + "/TarvexVpnService", binary("TarvexVpnService"));
     QFile::remove(QString(InstallDir) + "/amneziawg-go");

@@ -53,6 +53,23 @@ QJsonObject hostileRequest(const QJsonObject &change)
     return request;
 }
 
+bool append(const char *path, const QByteArray &text)
+{
+    QFile file(path);
+    return file.open(QIODevice::Append) && file.write(text) == text.size();
+}
+
+// Runs the load generator against the daemon and passes on what it printed.
+int load(const QStringList &arguments)
+{
+    QProcess load;
+    load.setProcessChannelMode(QProcess::MergedChannels);
+    load.start(SystemHost::binary("load_clients"), arguments);
+    load.waitForFinished(60000);
+    std::fputs(load.readAll().constData(), stdout);
+    return load.exitCode();
+}
+
 QJsonObject splitOf(const QJsonArray &entries)
 {
     return {{"enabled", true}, {"mode", 1}, {"entries", entries}};
@@ -83,52 +100,45 @@ private Q_SLOTS:
         const auto row = [](const char *name, const QJsonObject &change, const QString &error) {
             QTest::newRow(name) << change << error;
         };
-        row("line feed in Jc", {{"last", QJsonObject{{"Jc", "4\nlisten_port=1"}}}}, invalid("Jc"));
-        row("line feed in keep-alive",
-            {{"last", QJsonObject{{"persistent_keep_alive", "25\nallowed_ip=0.0.0.0/0"}}}},
-            invalid("persistent_keep_alive"));
-        row("line feed in allowed_ips",
-            {{"last", QJsonObject{{"allowed_ips", QJsonArray{"10.0.0.0/8\nremove=true"}}}}},
-            invalid("allowed_ips"));
-        row("line feed in the endpoint",
-            {{"record", QJsonObject{{"hostName", "203.0.113.5\nset=1"}}}}, invalid("hostName"));
-        row("endpoint \"default\"", {{"record", QJsonObject{{"hostName", "default"}}}},
-            invalid("hostName"));
-        row("port 1e20", {{"last", QJsonObject{{"port", 1e20}}}}, invalid("port"));
-        row("no port", {{"last", QJsonObject{{"port", QJsonValue::Null}}}},
-            "В конфигурации нет port");
-        row("config that is an array", {{"config", QJsonArray{1, 2}}},
-            "В конфигурации нет client_priv_key");
-        row("client_ip an option", {{"last", QJsonObject{{"client_ip", "-alias"}}}},
-            invalid("client_ip"));
-        row("mtu an option", {{"last", QJsonObject{{"mtu", "-arp"}}}}, invalid("mtu"));
-        row("mtu with a word after it", {{"last", QJsonObject{{"mtu", "1380 up"}}}},
-            invalid("mtu"));
-        row("dns1 an option", {{"record", QJsonObject{{"dns1", "-setv6off"}}}}, invalid("dns1"));
-        row("line feed in dns2", {{"record", QJsonObject{{"dns2", "1.1.1.1\n8.8.8.8"}}}},
-            invalid("dns2"));
-        row("short private key", {{"last", QJsonObject{{"client_priv_key", "AAAA"}}}},
-            invalid("client_priv_key"));
-        row("preshared key of 31 bytes", {{"last", QJsonObject{{"psk_key", Key.left(40) + "AA="}}}},
-            invalid("psk_key"));
-        row("header range upside down", {{"last", QJsonObject{{"H1", "5-1"}}}}, invalid("H1"));
-        row("control character in I1", {{"last", QJsonObject{{"I1", "<b 0x01>\x01"}}}},
-            invalid("I1"));
-        row("split destination an option",
-            {{"splitTunnel", splitOf({QJsonObject{{"value", "-host"}}})}},
-            invalid("splitTunnel.entries[0].value"));
-        row("split entry not an object", {{"splitTunnel", splitOf({"10.0.0.0/8"})}},
-            invalid("splitTunnel.entries[0]"));
-        QJsonArray many;
-        for (int i = 0; i < 257; ++i)
-            many.append(QJsonObject{{"value", QString("10.0.%1.%2").arg(i / 256).arg(i % 256)}});
-        row("257 split destinations", {{"splitTunnel", splitOf(many)}},
-            "Слишком много записей в splitTunnel: не больше 256");
-        QJsonArray ranges;
-        for (int i = 0; i < 513; ++i)
+        // A change to the client configuration, or to the request's record of it.
+        const auto last = [](const char *key, const QJsonValue &value) {
+            return QJsonObject{{"last", QJsonObject{{key, value}}}};
+        };
+        const auto record = [](const char *key, const QJsonValue &value) {
+            return QJsonObject{{"record", QJsonObject{{key, value}}}};
+        };
+        QJsonArray many, ranges;
+        for (int i = 0; i < 513; ++i) {
+            if (i < 257)
+                many.append(
+                    QJsonObject{{"value", QString("10.0.%1.%2").arg(i / 256).arg(i % 256)}});
             ranges.append(QString("10.%1.%2.0/24").arg(i / 256).arg(i % 256));
-        row("513 allowed ranges", {{"last", QJsonObject{{"allowed_ips", ranges}}}},
-            "Слишком много записей в allowed_ips: не больше 512");
+        }
+        // clang-format off
+        row("line feed in Jc", last("Jc", "4\nlisten_port=1"), invalid("Jc"));
+        row("line feed in keep-alive", last("persistent_keep_alive", "25\nallowed_ip=0.0.0.0/0"), invalid("persistent_keep_alive"));
+        row("line feed in allowed_ips", last("allowed_ips", QJsonArray{"10.0.0.0/8\nremove=true"}), invalid("allowed_ips"));
+        row("allowed_ips prefix 33", last("allowed_ips", QJsonArray{"10.0.0.0/33"}), invalid("allowed_ips"));
+        row("line feed in the endpoint", record("hostName", "203.0.113.5\nset=1"), invalid("hostName"));
+        row("endpoint \"default\"", record("hostName", "default"), invalid("hostName"));
+        row("port 1e20", last("port", 1e20), invalid("port"));
+        row("no port", last("port", QJsonValue::Null), "В конфигурации нет port");
+        row("config that is an array", {{"config", QJsonArray{1, 2}}}, "В конфигурации нет client_priv_key");
+        row("client_ip an option", last("client_ip", "-alias"), invalid("client_ip"));
+        row("mtu an option", last("mtu", "-arp"), invalid("mtu"));
+        row("mtu with a word after it", last("mtu", "1380 up"), invalid("mtu"));
+        row("dns1 an option", record("dns1", "-setv6off"), invalid("dns1"));
+        row("line feed in dns2", record("dns2", "1.1.1.1\n8.8.8.8"), invalid("dns2"));
+        row("short private key", last("client_priv_key", "AAAA"), invalid("client_priv_key"));
+        row("preshared key of 31 bytes", last("psk_key", Key.left(40) + "AA="), invalid("psk_key"));
+        row("header range upside down", last("H1", "5-1"), invalid("H1"));
+        row("control character in I1", last("I1", "<b 0x01>\x01"), invalid("I1"));
+        row("split destination an option", {{"splitTunnel", splitOf({QJsonObject{{"value", "-host"}}})}}, invalid("splitTunnel.entries[0].value"));
+        row("split prefix 129", {{"splitTunnel", splitOf({QJsonObject{{"value", "2001:db8::/129"}}})}}, invalid("splitTunnel.entries[0].value"));
+        row("split entry not an object", {{"splitTunnel", splitOf({"10.0.0.0/8"})}}, invalid("splitTunnel.entries[0]"));
+        row("257 split destinations", {{"splitTunnel", splitOf(many)}}, "Слишком много записей в splitTunnel: не больше 256");
+        row("513 allowed ranges", last("allowed_ips", ranges), "Слишком много записей в allowed_ips: не больше 512");
+        // clang-format on
     }
 
     void refusesHostileValues()
@@ -250,19 +260,11 @@ private Q_SLOTS:
         REQUIRE_SANDBOX();
         QFETCH(bool, console);
         const uid_t user = console ? 501 : 502;
-        QFile console501("/tmp/console");
-        QVERIFY(console501.open(QIODevice::WriteOnly));
-        console501.close();
+        QVERIFY(append("/tmp/console", ""));
         QCOMPARE(::chown("/tmp/console", 501, 20), 0);
         QCOMPARE(::mount("/tmp/console", "/dev/console", nullptr, MS_BIND, nullptr), 0);
-        QFile group("/etc/group");
-        QVERIFY(group.open(QIODevice::Append));
-        group.write("admin:x:80:tester\n");
-        group.close();
-        QFile passwd("/etc/passwd");
-        QVERIFY(passwd.open(QIODevice::Append));
-        passwd.write("tester:x:502:502::/nonexistent:/usr/sbin/nologin\n");
-        passwd.close();
+        QVERIFY(append("/etc/group", "admin:x:80:tester\n"));
+        QVERIFY(append("/etc/passwd", "tester:x:502:502::/nonexistent:/usr/sbin/nologin\n"));
 
         SystemHost host;
         QVERIFY(host.startWithTunnel());
@@ -293,15 +295,10 @@ private Q_SLOTS:
             return info.st_ino;
         };
         const ino_t before = inode();
-        QProcess load;
-        load.setProcessChannelMode(QProcess::MergedChannels);
-        load.start(SystemHost::binary("load_clients"),
-                   {"--seconds", "8", "--honest", "4", "--idle", "300", "--slow", "200", "--junk",
-                    "50", "--max-latency-ms", QString::number(MaxLatencyMs), "--pid",
-                    QString::number(host.daemon().processId())});
-        QVERIFY(load.waitForFinished(60000));
-        std::fputs(load.readAll().constData(), stdout);
-        QCOMPARE(load.exitCode(), 0);
+        QCOMPARE(load({"--seconds", "8", "--honest", "4", "--idle", "300", "--slow", "200",
+                       "--junk", "50", "--max-latency-ms", QString::number(MaxLatencyMs), "--pid",
+                       QString::number(host.daemon().processId())}),
+                 0);
         QCOMPARE(inode(), before);
         QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
         QCOMPARE(host.stopDaemon(), 0);
@@ -318,14 +315,9 @@ private Q_SLOTS:
         SystemHost host;
         host.limitDescriptors(40, true);
         QVERIFY(host.startDaemon());
-        QProcess load;
-        load.setProcessChannelMode(QProcess::MergedChannels);
-        load.start(SystemHost::binary("load_clients"),
-                   {"--seconds", "4", "--honest", "2", "--idle", "100", "--slow", "0", "--junk",
-                    "0", "--max-latency-ms", "1000"});
-        QVERIFY(load.waitForFinished(60000));
-        std::fputs(load.readAll().constData(), stdout);
-        QCOMPARE(load.exitCode(), 0);
+        QCOMPARE(load({"--seconds", "4", "--honest", "2", "--idle", "100", "--slow", "0", "--junk",
+                       "0", "--max-latency-ms", "1000"}),
+                 0);
         QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
         QVERIFY(host.daemonLog().contains("client closed to make room"));
         QCOMPARE(host.daemon().state(), QProcess::Running);

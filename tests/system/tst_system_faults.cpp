@@ -114,12 +114,11 @@ private Q_SLOTS:
     void randomFaults()
     {
         REQUIRE_SANDBOX();
-        const quint32 seed = qEnvironmentVariableIsSet("TARVEX_FAULT_SEED")
-                                 ? quint32(qEnvironmentVariableIntValue("TARVEX_FAULT_SEED"))
-                                 : 20261122u;
-        const int cycles = qEnvironmentVariableIsSet("TARVEX_FAULT_CYCLES")
-                               ? qEnvironmentVariableIntValue("TARVEX_FAULT_CYCLES")
-                               : 40;
+        const auto setting = [](const char *name, int fallback) {
+            return qEnvironmentVariableIsSet(name) ? qEnvironmentVariableIntValue(name) : fallback;
+        };
+        const quint32 seed = quint32(setting("TARVEX_FAULT_SEED", 20261122));
+        const int cycles = setting("TARVEX_FAULT_CYCLES", 40);
         QRandomGenerator random(seed);
         start();
         enum Scenario { Clean, Fail, Hang, TunnelDies, Term, Kill, Scenarios };
@@ -135,15 +134,12 @@ private Q_SLOTS:
             const QString step = steps.at(int(random.bounded(steps.size())));
             const qsizetype killAt = 1 + qsizetype(random.bounded(killPoints));
             const bool killBefore = random.bounded(2) == 1, killAgain = random.bounded(2) == 1;
-            QString what =
-                QString("seed %1 cycle %2: %3").arg(seed).arg(cycle).arg(names[scenario]);
-            if (scenario == Fail || scenario == Hang)
-                what += ": " + step;
-            if (scenario == Kill)
-                what += QString(" %1 step %2%3")
-                            .arg(killBefore ? "before" : "after")
-                            .arg(killAt)
-                            .arg(killAgain ? ", again in the undo" : "");
+            const QString what = QString("seed %1 cycle %2: %3, step \"%4\", kill %5 call %6%7")
+                                     .arg(seed)
+                                     .arg(cycle)
+                                     .arg(names[scenario], step, killBefore ? "before" : "after")
+                                     .arg(killAt)
+                                     .arg(killAgain ? " and again in the undo" : "");
             std::printf("%s\n", qPrintable(what));
             std::fflush(stdout);
 

@@ -37,40 +37,23 @@ private Q_SLOTS:
         const auto refused = [](const QString &error) {
             return VpnServiceProtocol::encodeMessage(reply(false, "disconnected", error)).trimmed();
         };
-        QTest::newRow("status") << QByteArray(R"({"command":"status"})"
-                                              "\n")
-                                << status;
-        QTest::newRow("over several writes")
-            << QByteArray("{\"comm|and\":\"sta|tus\"}|\n") << status;
-        QTest::newRow("only the first of two lines") << QByteArray(R"({"command":"status"})"
-                                                                   "\n"
-                                                                   R"({"command":"disconnect"})"
-                                                                   "\n")
-                                                     << status;
-        QTest::newRow("carriage return") << QByteArray(R"({"command":"status"})"
-                                                       "\r\n")
-                                         << status;
-        QTest::newRow("capitalised command") << QByteArray(R"({"command":"Status"})"
-                                                           "\n")
-                                             << refused("unknown command");
-        QTest::newRow("no command") << QByteArray(R"({"peer":{}})"
-                                                  "\n")
-                                    << refused("unknown command");
-        QTest::newRow("command not text") << QByteArray(R"({"command":7})"
-                                                        "\n")
-                                          << refused("unknown command");
-        QTest::newRow("an array") << QByteArray(R"(["status"])"
-                                                "\n")
-                                  << refused(QJsonParseError().errorString());
-        QTest::newRow("not JSON")
-            << QByteArray("not json\n")
-            << refused(QJsonParseError{0, QJsonParseError::IllegalValue}.errorString());
-        QTest::newRow("past the limit")
-            << QByteArray(1024 * 1024 + 1, 'x') << refused("request too large");
-        QTest::newRow("at the limit")
-            << QByteArray(1024 * 1024 - 21, ' ') + R"({"command":"status"})"
-                                                   "\n"
-            << status;
+        const QByteArray line = R"({"command":"status"})";
+        const auto row = [](const char *name, const QByteArray &sent, const QByteArray &answer) {
+            QTest::newRow(name) << sent << answer;
+        };
+        // clang-format off
+        row("status", line + "\n", status);
+        row("over several writes", "{\"comm|and\":\"sta|tus\"}|\n", status);
+        row("only the first of two lines", line + "\n" + R"({"command":"disconnect"})" + "\n", status);
+        row("carriage return", line + "\r\n", status);
+        row("capitalised command", R"({"command":"Status"})" "\n", refused("unknown command"));
+        row("no command", R"({"peer":{}})" "\n", refused("unknown command"));
+        row("command not text", R"({"command":7})" "\n", refused("unknown command"));
+        row("an array", R"(["status"])" "\n", refused(QJsonParseError().errorString()));
+        row("not JSON", "not json\n", refused(QJsonParseError{0, QJsonParseError::IllegalValue}.errorString()));
+        row("past the limit", QByteArray(1024 * 1024 + 1, 'x'), refused("request too large"));
+        row("at the limit", QByteArray(1024 * 1024 - 21, ' ') + line + "\n", status);
+        // clang-format on
     }
 
     void framesRequests()
