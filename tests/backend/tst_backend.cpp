@@ -1,6 +1,6 @@
 // The backend's own texts and decisions, in-process: the set transaction, the
-// reading of replies, addresses and settings, and the command runner. What it
-// does to the host is the system tests' business.
+// reading of replies, addresses and settings. What it does to the host, and
+// how it runs the tools, is the system tests' business.
 #include "ClientConfig.h"
 #include "EmptyHost.h"
 
@@ -80,39 +80,6 @@ private Q_SLOTS:
         QCOMPARE(pure.uapiErrno(reply), error);
     }
 
-    void classifiesRoutes_data()
-    {
-        QTest::addColumn<QString>("route");
-        QTest::addColumn<QString>("family"); // "" when neither IPv4 nor IPv6
-        QTest::addColumn<QString>("type");
-        const auto row = [](const char *name, const char *route, const char *family,
-                            const char *type) { QTest::newRow(name) << route << family << type; };
-        // clang-format off
-        row("net", "10.0.0.0/8", "inet", "-net");
-        row("address with blanks", " 10.0.0.1 ", "inet", "-host");
-        row("host with prefix", "10.1.2.3/32", "inet", "-net");
-        row("prefix 33", "10.0.0.0/33", "", "-net");
-        row("negative prefix", "10.0.0.0/-1", "", "-net");
-        row("empty prefix", "10.0.0.0/", "", "-net");
-        row("host name", "vpn.example.net", "", "-host");
-        row("IPv6 everything", "::/0", "inet6", "-net");
-        row("IPv6 prefix 129", "2001:db8::/129", "", "-net");
-        row("IPv6 address", "2001:db8::1", "inet6", "-host");
-        row("empty", "", "", "-host");
-        // clang-format on
-    }
-
-    void classifiesRoutes()
-    {
-        QFETCH(QString, route);
-        QFETCH(QString, family);
-        QFETCH(QString, type);
-        QCOMPARE(pure.isIpv4Route(route), family == "inet");
-        QCOMPARE(pure.isIpv6Route(route), family == "inet6");
-        QCOMPARE(pure.routeFamily(route), family == "inet6" ? "inet6" : "inet");
-        QCOMPARE(pure.routeType(route), type);
-    }
-
     void derivesValues()
     {
         const auto port = [this](const QJsonValue &value) {
@@ -143,24 +110,6 @@ private Q_SLOTS:
         QCOMPARE(split({{"enabled", true}, {"entries", one}}), std::tuple(false, 0, 1));
         QCOMPARE(split({{"enabled", false}, {"mode", 2}}), std::tuple(false, 2, 0));
         QCOMPARE(split({{"enabled", true}, {"mode", "1"}}), std::tuple(true, 1, 0));
-    }
-
-    void runsCommands()
-    {
-        QString out = "untouched", err;
-        QVERIFY(!pure.runCommand("/nonexistent/tool", {}, &out, &err, 1000));
-        QCOMPARE(out, "untouched");
-        QVERIFY(!err.isEmpty());
-        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "echo out; echo err >&2; exit 1"}, &out, &err,
-                                 1000));
-        QCOMPARE(out, "out\n");
-        QCOMPARE(err, "err\n");
-        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "kill -9 $$"}, nullptr, nullptr, 1000));
-        out = "untouched";
-        QVERIFY(!pure.runCommand("/bin/sh", {"-c", "echo early; sleep 5"}, &out, nullptr, 300));
-        QCOMPARE(out, "untouched");
-        QVERIFY(pure.runCommand("/bin/sh", {"-c", "true"}, &out, &err, 1000));
-        QCOMPARE(out + err, "");
     }
 };
 

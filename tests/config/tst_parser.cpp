@@ -46,16 +46,12 @@ private Q_SLOTS:
         QVERIFY(result.success);
         QCOMPARE(result.errorMessage, QString());
         QCOMPARE(result.rootObject, doc);
-        QCOMPARE(result.config.rawConfig, doc);
-        QCOMPARE(result.config.defaultContainer, "amnezia-awg");
-        QCOMPARE(result.config.container, "amnezia-awg");
-        QCOMPARE(result.config.protocolName, "awg");
-        QCOMPARE(result.config.protocolConfig.value("port").toString(), "51820");
-        QCOMPARE(result.config.lastConfig, Client);
-        QCOMPARE(result.config.lastConfigRaw, ClientText);
-        QCOMPARE(result.config.hostName, "203.0.113.5");
-        QCOMPARE(result.config.dns1, "1.1.1.1");
-        QCOMPARE(result.config.dns2, "1.0.0.1");
+        // clang-format off
+        QCOMPARE(VpnServiceProtocol::parsedConfigToJson(result.config), (QJsonObject{{"rawConfig", doc},
+            {"defaultContainer", "amnezia-awg"}, {"container", "amnezia-awg"}, {"protocolName", "awg"},
+            {"protocolConfig", doc["containers"][0]["awg"]}, {"lastConfig", Client}, {"lastConfigRaw", ClientText},
+            {"hostName", "203.0.113.5"}, {"dns1", "1.1.1.1"}, {"dns2", "1.0.0.1"}}));
+        // clang-format on
     }
 
     // Pasted from a mail: wrapped and padded; the URL-safe alphabet only.

@@ -72,16 +72,13 @@ private Q_SLOTS:
 
     void carriesTheConfiguration()
     {
+        // clang-format off
         const QJsonObject json{{"rawConfig", QJsonObject{{"containers", QJsonArray{}}}},
-                               {"defaultContainer", "amnezia-awg"},
-                               {"container", "amnezia-awg"},
-                               {"protocolName", "awg"},
-                               {"protocolConfig", QJsonObject{{"last_config", "{}"}}},
-                               {"lastConfigRaw", "{\"mtu\":\"1280\"}"},
-                               {"lastConfig", QJsonObject{{"mtu", "1280"}}},
-                               {"hostName", "203.0.113.5"},
-                               {"dns1", "1.1.1.1"},
-                               {"dns2", "1.0.0.1"}};
+            {"defaultContainer", "amnezia-awg"}, {"container", "amnezia-awg"}, {"protocolName", "awg"},
+            {"protocolConfig", QJsonObject{{"last_config", "{}"}}}, {"lastConfigRaw", "{\"mtu\":\"1280\"}"},
+            {"lastConfig", QJsonObject{{"mtu", "1280"}}}, {"hostName", "203.0.113.5"}, {"dns1", "1.1.1.1"},
+            {"dns2", "1.0.0.1"}};
+        // clang-format on
         QCOMPARE(
             VpnServiceProtocol::parsedConfigToJson(VpnServiceProtocol::parsedConfigFromJson(json)),
             json);

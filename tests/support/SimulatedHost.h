@@ -28,7 +28,7 @@ public:
     QList<QStringList> calls(const QString &tool = QString()) const
     {
         QList<QStringList> result;
-        for (const QByteArray &line : read("calls.log").split('\n')) {
+        for (const QByteArray &line : read(dir + "/calls.log").split('\n')) {
             const QStringList call = QJsonDocument::fromJson(line).toVariant().toStringList();
             if (!call.isEmpty() && (tool.isEmpty() || call.front() == tool))
                 result.append(tool.isEmpty() ? call : call.mid(1));
@@ -43,13 +43,22 @@ public:
             file.write(rules.join('\n').toUtf8() + '\n');
     }
 
-    bool tunnelRunning() const
+    // The process that holds a utun, 0 when none does.
+    qint64 tunnelPid() const
     {
         for (const QJsonValue &interface : state().value("interfaces").toObject()) {
-            if (interface.toObject().contains("owner"))
-                return true;
+            if (const qint64 owner = interface["owner"].toInteger())
+                return owner;
         }
-        return false;
+        return 0;
+    }
+    bool tunnelRunning() const { return tunnelPid() != 0; }
+
+protected:
+    static QByteArray read(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
 private:
@@ -64,12 +73,6 @@ private:
         process.closeWriteChannel();
         process.waitForFinished();
         return process.readAllStandardOutput();
-    }
-
-    QByteArray read(const QString &name) const
-    {
-        QFile file(dir + "/" + name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
     QString dir;

@@ -2,12 +2,19 @@
 
 #include "SimulatedHost.h"
 
-#include <QJsonObject>
-#include <QProcess>
-#include <QString>
-#include <QStringList>
+#include "protocol/VpnServiceProtocol.h"
 
-#include <sys/types.h>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QLocalSocket>
+#include <QThread>
+
+#include <csignal>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 // Skips the calling test unless it may use the sandboxed host.
 #define REQUIRE_SANDBOX()                                                                          \
@@ -27,49 +34,208 @@ public:
     static constexpr const char *StateDir = "/var/lib/tarvex-sim";
 
     // Empty when the host may be used; otherwise the reason to skip.
-    static QString unavailableReason();
-    static QString binary(const QString &name);
+    static QString unavailableReason()
+    {
+        if (::geteuid() != 0)
+            return "system tests need root";
+        if (!QFile::exists("/.tarvex-sandbox"))
+            return "system tests run only inside scripts/sandbox";
+        return QString();
+    }
 
-    SystemHost();
-    ~SystemHost();
+    static QString binary(const QString &name)
+    {
+        return QDir(QCoreApplication::applicationDirPath()).filePath(name);
+    }
 
-    void installTunnel(bool executable = true);
+    SystemHost() : SimulatedHost(StateDir, binary("mactools"))
+    {
+        Q_ASSERT(unavailableReason().isEmpty());
+        for (const char *tool : {"/sbin/route", "/sbin/ifconfig", "/usr/sbin/networksetup",
+                                 "/usr/bin/dscacheutil", "/usr/bin/killall"}) {
+            QFile::remove(tool);
+            QFile::link(binary("mactools"), tool);
+        }
+        QDir(StateDir).removeRecursively();
+        reset();
+        QDir().mkpath(InstallDir);
+        replaceWithCopy(QString(InstallDir) + "/TarvexVpnService", binary("TarvexVpnService"));
+        QFile::remove(QString(InstallDir) + "/amneziawg-go");
+        QDir("/Library/Application Support/Tarvex/VpnService/Journal").removeRecursively();
+        QFile::remove("/var/run/tarvex-amneziawg"); // a link
+        QDir("/var/run/tarvex-amneziawg").removeRecursively();
+        QFile::remove(VpnServiceProtocol::socketPath());
+        writeHostsFile("127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n"
+                       "198.51.100.10\ttarvex.com\n");
+        static int instances = 0;
+        logPath = QString("/tmp/daemon-%1-%2.log")
+                      .arg(QCoreApplication::applicationPid())
+                      .arg(++instances);
+        QFile::remove(logPath);
+    }
+
+    // Stopped in order, so that the next test starts without a journal to undo.
+    ~SystemHost()
+    {
+        if (process.state() != QProcess::NotRunning && stopDaemon() < 0) {
+            process.kill();
+            process.waitForFinished(5000);
+        }
+    }
+
+    void installTunnel(bool executable = true)
+    {
+        const QString path = QString(InstallDir) + "/amneziawg-go";
+        replaceWithCopy(path, binary("tunnel-standin"));
+        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner |
+                                        (executable ? QFile::ExeOwner : QFile::Permissions()));
+    }
+
     // Makes the given tool call, counted from the start of the test, kill the
     // daemon (SIGKILL) before or after it does its work.
-    void killDaemonAt(qsizetype call, bool before = false);
+    void killDaemonAt(qsizetype call, bool before = false)
+    {
+        setFaults({QString("kill-%1:%2").arg(before ? "before" : "after").arg(call)});
+    }
+
     // The next start gives the daemon this many descriptors; with a fixed
     // ceiling it cannot raise them, root or not.
-    void limitDescriptors(int soft, bool fixedCeiling = false);
+    int descriptors = 0;
+    bool fixedCeiling = false;
 
-    // Starts the daemon and waits until its socket answers.
-    bool startDaemon(const QStringList &environment = QStringList());
-    bool startWithTunnel(const QStringList &environment = QStringList())
+    // Starts the daemon, the tunnel stand-in's faults in its environment, and
+    // waits until its socket answers.
+    bool startDaemon(const QString &tunnelFaults = QString())
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("MACSIM_STATE_DIR", StateDir);
+        env.insert("AWG_STANDIN_FAULTS", tunnelFaults);
+        process.setProcessEnvironment(env);
+        process.setChildProcessModifier([soft = descriptors, fixed = fixedCeiling] {
+            if (soft <= 0)
+                return;
+            if (fixed)
+                ::prctl(PR_CAPBSET_DROP, CAP_SYS_RESOURCE, 0, 0, 0);
+            struct rlimit limit = {rlim_t(soft), fixed ? rlim_t(soft) : rlim_t(4096)};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        process.setWorkingDirectory("/");
+        process.setStandardOutputFile(logPath, QIODevice::Append);
+        process.setStandardErrorFile(logPath, QIODevice::Append);
+        process.start(QString(InstallDir) + "/TarvexVpnService", QStringList());
+        if (!process.waitForStarted(5000))
+            return false;
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < 10000) {
+            QLocalSocket probe;
+            probe.connectToServer(VpnServiceProtocol::socketPath());
+            if (probe.waitForConnected(100))
+                return true;
+            if (process.waitForFinished(20))
+                return false;
+        }
+        return false;
+    }
+
+    bool startWithTunnel(const QString &tunnelFaults = QString())
     {
         installTunnel();
-        return startDaemon(environment);
+        return startDaemon(tunnelFaults);
     }
+
     // Sends the signal and waits; returns the exit code, -1 after a crash.
-    int stopDaemon(int signalNumber = 15);
+    int stopDaemon(int signalNumber = SIGTERM)
+    {
+        if (process.state() == QProcess::NotRunning)
+            return process.exitCode();
+        ::kill(pid_t(process.processId()), signalNumber);
+        if (!process.waitForFinished(30000)) {
+            process.kill();
+            process.waitForFinished(5000);
+            return -1;
+        }
+        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+
     // Waits for the daemon to end; one still running then is killed. The
     // monitor's look after a connect makes the count of commands vary, so a
     // kill point may come after the last one.
-    void waitForKill();
-    QProcess &daemon() { return process; }
-    QString daemonLog() const;
+    void waitForKill()
+    {
+        if (!process.waitForFinished(10000)) {
+            ::kill(pid_t(process.processId()), SIGKILL);
+            process.waitForFinished(5000);
+        }
+    }
 
-    QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const;
+    QProcess &daemon() { return process; }
+    QString daemonLog() const { return QString::fromUtf8(read(logPath)); }
+
+    QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const
+    {
+        const QByteArray line = rawRequest({VpnServiceProtocol::encodeMessage(message)}, timeoutMs);
+        return QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
+    }
+
     // Writes the pieces, with pauses between them, and returns what came back
     // up to the first line feed; empty when the daemon ends the exchange.
-    QByteArray rawRequest(const QList<QByteArray> &pieces, int timeoutMs = 60000) const;
-    // The same exchange from a process running as another user.
-    QJsonObject requestAs(uid_t uid, const QJsonObject &message) const;
+    QByteArray rawRequest(const QList<QByteArray> &pieces, int timeoutMs = 60000) const
+    {
+        QLocalSocket socket;
+        socket.connectToServer(VpnServiceProtocol::socketPath());
+        if (!socket.waitForConnected(5000))
+            return QByteArray();
+        for (const QByteArray &piece : pieces) {
+            socket.write(piece);
+            socket.waitForBytesWritten(2000);
+            if (pieces.size() > 1)
+                QThread::msleep(50);
+        }
+        QByteArray reply;
+        QElapsedTimer clock;
+        clock.start();
+        while (!reply.contains('\n') && clock.elapsed() < timeoutMs) {
+            if (!socket.waitForReadyRead(100) && socket.state() != QLocalSocket::ConnectedState &&
+                socket.bytesAvailable() == 0)
+                break;
+            reply += socket.readAll();
+        }
+        return reply;
+    }
 
-    QByteArray hostsFile() const;
-    void writeHostsFile(const QByteArray &text);
+    // The same exchange from a process of that user, with no groups of its own.
+    QJsonObject requestAs(uid_t uid, const QJsonObject &message) const
+    {
+        const QString id = QString::number(uid);
+        QProcess client;
+        client.start("setpriv",
+                     {"--reuid", id, "--regid", id, "--clear-groups", "/usr/bin/python3", "-c",
+                      "import socket, sys\ns = socket.socket(socket.AF_UNIX)\n"
+                      "s.connect(sys.argv[1])\ns.sendall(sys.stdin.buffer.read())\n"
+                      "print(s.makefile().readline())",
+                      VpnServiceProtocol::socketPath()});
+        client.write(VpnServiceProtocol::encodeMessage(message));
+        client.closeWriteChannel();
+        client.waitForFinished(30000);
+        return QJsonDocument::fromJson(client.readAllStandardOutput()).object();
+    }
+
+    QByteArray hostsFile() const { return read("/etc/hosts"); }
+    void writeHostsFile(const QByteArray &text)
+    {
+        QFile file("/etc/hosts");
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(text);
+    }
 
 private:
+    static void replaceWithCopy(const QString &path, const QString &source)
+    {
+        QFile::remove(path);
+        QFile::copy(source, path);
+    }
+
     QProcess process;
     QString logPath;
-    int descriptors = 0;
-    bool fixedCeiling = false;
 };

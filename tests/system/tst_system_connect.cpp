@@ -4,7 +4,6 @@
 #include "Requests.h"
 #include "SystemHost.h"
 
-#include <QDir>
 #include <QLocalSocket>
 #include <QTest>
 
@@ -131,17 +130,16 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("destinations"); // "name|address" falls back on the address
         QTest::addColumn<QStringList>("routed");       // destination@via while connected
         QTest::addColumn<QString>("wifiDns");
-        QTest::newRow("only selected")
-            << 1
-            << QStringList{"10.1.2.3", "2001:db8::/32", "intranet.example",
-                           "nowhere.invalid|10.1.2.5"}
-            << QStringList{"10.1.2.3@utun2", "2001:db8::/32@utun2", "10.1.2.4@utun2",
-                           "10.1.2.5@utun2"}
+        // clang-format off
+        QTest::newRow("only selected") << 1
+            << QStringList{"10.1.2.3", "2001:db8::/32", "intranet.example", "nowhere.invalid|10.1.2.5"}
+            << QStringList{"10.1.2.3@utun2", "2001:db8::/32@utun2", "10.1.2.4@utun2", "10.1.2.5@utun2"}
             << "192.168.1.1";
-        QTest::newRow("exclusions")
-            << 2 << QStringList{"203.0.113.0/24", "2001:db8::/32", "intranet.example"}
+        QTest::newRow("exclusions") << 2
+            << QStringList{"203.0.113.0/24", "2001:db8::/32", "intranet.example"}
             << QStringList{"203.0.113.0/24@192.168.1.1", "10.1.2.4@192.168.1.1", "0.0.0.0/1@utun2"}
             << Vpn;
+        // clang-format on
     }
 
     void splitTunnel()
@@ -233,7 +231,7 @@ private Q_SLOTS:
         }
         if (tunnel != "missing")
             host.installTunnel(tunnel != "not executable");
-        QVERIFY(host.startDaemon({"AWG_STANDIN_FAULTS=" + tunnel}));
+        QVERIFY(host.startDaemon(tunnel));
         const QByteArray before = host.stateBytes();
         host.setFaults({fault});
         ParsedVpnConfig config = clientConfig({{"hostName", endpoint}});
@@ -306,18 +304,9 @@ private Q_SLOTS:
         QCOMPARE(host.request(connectRequest(clientConfig(), 2, {"203.0.113.0/24"}))["status"],
                  "connected");
 
-        const auto killMonitor = [] {
-            for (const QString &pid : QDir("/proc").entryList(QDir::Dirs)) {
-                QFile command("/proc/" + pid + "/cmdline");
-                if (command.open(QIODevice::ReadOnly) &&
-                    command.readAll().endsWith(QByteArray("route\0-n\0monitor\0", 17)))
-                    return ::kill(pid.toInt(), SIGKILL) == 0;
-            }
-            return false;
-        };
         bool killed = false; // not in QTRY, which asks more than once
-        for (int tries = 0; tries < 100 && !(killed = killMonitor()); ++tries)
-            QTest::qWait(50);
+        for (int tries = 0; tries < 100 && !killed; ++tries, QTest::qWait(50))
+            killed = QProcess::execute("pkill", {"-KILL", "-f", "/sbin/route -n monitor"}) == 0;
         QVERIFY(killed);
         QTRY_VERIFY_WITH_TIMEOUT(
             host.daemonLog().contains("route monitor exited; starting it again"), 15000);
@@ -344,7 +333,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=noname"}));
+        QVERIFY(host.startWithTunnel("noname"));
         const QByteArray before = host.stateBytes();
         const QJsonObject request = connectRequest();
         auto first =
@@ -384,8 +373,7 @@ private Q_SLOTS:
         QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         QCOMPARE(host.request(connectRequest())["status"], "connected");
-        const QJsonObject state = host.state();
-        ::kill(pid_t(state["interfaces"]["utun2"]["owner"].toInteger()), SIGKILL);
+        ::kill(pid_t(host.tunnelPid()), SIGKILL);
         const QJsonObject dead =
             reply(true, "error", "VPN-туннель прервался: amneziawg-go неожиданно завершился");
         QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), dead, 5000);
@@ -400,7 +388,7 @@ private Q_SLOTS:
     {
         REQUIRE_SANDBOX();
         SystemHost host;
-        QVERIFY(host.startWithTunnel({"AWG_STANDIN_FAULTS=chatty"}));
+        QVERIFY(host.startWithTunnel("chatty"));
         QCOMPARE(host.request(connectRequest())["status"], "connected");
         QTest::qWait(3000);
         QCOMPARE(host.request(StatusRequest)["status"], "connected");

@@ -22,15 +22,6 @@ const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com\n\n";
 // Full tunnel with an exclusion: every kind of host change there is.
 const QJsonObject Everything = connectRequest(clientConfig(), 2, {"203.0.113.0/24"});
 
-qint64 tunnelPid(const SystemHost &host)
-{
-    for (const QJsonValue &interface : host.state().value("interfaces").toObject()) {
-        if (const qint64 owner = interface["owner"].toInteger())
-            return owner;
-    }
-    return 0;
-}
-
 } // namespace
 
 class TestSystemFaults : public QObject
@@ -99,7 +90,7 @@ private Q_SLOTS:
         start();
         QCOMPARE(host->request(Everything)["status"], "connected");
         ::kill(pid_t(host->daemon().processId()), SIGKILL);
-        ::kill(pid_t(tunnelPid(*host)), SIGKILL);
+        ::kill(pid_t(host->tunnelPid()), SIGKILL);
         QVERIFY(host->daemon().waitForFinished(10000));
         QJsonObject rebooted = QJsonDocument::fromJson(before).object();
         rebooted.insert("services", host->state().value("services"));
@@ -163,8 +154,8 @@ private Q_SLOTS:
                 }
             } else {
                 host->request(Everything);
-                if (scenario == TunnelDies && tunnelPid(*host))
-                    ::kill(pid_t(tunnelPid(*host)), SIGKILL), QTest::qWait(50);
+                if (scenario == TunnelDies && host->tunnelPid())
+                    ::kill(pid_t(host->tunnelPid()), SIGKILL), QTest::qWait(50);
                 host->setFaults({});
                 QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
             }
