@@ -63,17 +63,13 @@ private Q_SLOTS:
             broken += clean.mid(i, 60) + "\r\n";
         for (const QString &input : {broken, "  vpn://" + clean + "==\n", clean})
             QCOMPARE(VpnConfigParser::parseConfig(input).config.lastConfig, Client);
-        for (int i = 0;; ++i) { // an encoding with "-" or "_", then written the standard way
+        QString url; // an encoding with "-" or "_", then written the standard way
+        for (int i = 0; !url.contains('-') && !url.contains('_'); ++i) {
             QJsonObject doc = awgDocument(Client);
             doc.insert("description", QString("server %1").arg(i));
-            const QString url = encodeConnectionString(doc, false);
-            if (url.contains('-') || url.contains('_')) {
-                QVERIFY(
-                    !VpnConfigParser::parseConfig(QString(url).replace('-', '+').replace('_', '/'))
-                         .success);
-                break;
-            }
+            url = encodeConnectionString(doc, false);
         }
+        QVERIFY(!VpnConfigParser::parseConfig(url.replace('-', '+').replace('_', '/')).success);
         // Claims 1.5 GB uncompressed for a few bytes of stream.
         QByteArray packed = qCompress(QByteArray("{}"));
         packed[0] = char(0x60);
@@ -133,9 +129,7 @@ private Q_SLOTS:
                                     "lastConfigRaw"};
         QStringList filled = stages.mid(0, stages.indexOf(kept) + 1);
         if (!filled.isEmpty())
-            filled << "hostName"
-                   << "dns1"
-                   << "dns2";
+            filled.append({"hostName", "dns1", "dns2"});
         const QJsonObject fields = VpnServiceProtocol::parsedConfigToJson(result.config);
         for (auto it = fields.begin(); it != fields.end(); ++it) {
             const bool set = it->isObject() ? !it->toObject().isEmpty() : !it->toString().isEmpty();
@@ -193,7 +187,6 @@ private Q_SLOTS:
                  "Конфигурация соединения пустая");
         QVERIFY(
             VpnConfigParser::parsePeerConfig({{"config", encodeConnectionString(doc)}}).success);
-        QVERIFY(!VpnConfigParseResult().success && VpnConfigParseResult().errorMessage.isEmpty());
     }
 };
 

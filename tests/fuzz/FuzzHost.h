@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 
+// The application the fuzz targets need, made once and kept quiet.
 inline QCoreApplication &fuzzApplication()
 {
     static int argc = 1;

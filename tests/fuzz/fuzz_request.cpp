@@ -8,38 +8,18 @@
 #include <QLocalSocket>
 
 #include <cstdint>
-#include <memory>
-
-namespace {
-
-struct Harness
-{
-    QTemporaryDir dir;
-    std::unique_ptr<MacVpnServiceServer> server;
-    QString path;
-};
-
-Harness &harness()
-{
-    static Harness h = [] {
-        fuzzApplication();
-        Harness created;
-        created.path = created.dir.filePath(QStringLiteral("service.sock"));
-        created.server =
-            std::make_unique<MacVpnServiceServer>(created.path, emptyHost(created.dir));
-        created.server->start();
-        return created;
-    }();
-    return h;
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Harness &h = harness();
+    static QCoreApplication &app = fuzzApplication();
+    static QTemporaryDir dir;
+    static const QString path = dir.filePath(QStringLiteral("service.sock"));
+    static MacVpnServiceServer server(path, emptyHost(dir));
+    static const bool listening = server.start();
+    Q_UNUSED(app);
+    Q_UNUSED(listening);
     QLocalSocket client;
-    client.connectToServer(h.path);
+    client.connectToServer(path);
     QElapsedTimer clock;
     clock.start();
     while (client.state() != QLocalSocket::ConnectedState && clock.elapsed() < 1000)

@@ -1,5 +1,5 @@
 // The wire format both sides share: one compact JSON line each way, read
-// back with a time limit; the status names; the configuration as JSON.
+// back with a time limit, and the configuration as JSON.
 #include "protocol/VpnServiceProtocol.h"
 
 #include <QJsonArray>
@@ -56,18 +56,6 @@ private Q_SLOTS:
         QCOMPARE(read ? QString(QJsonDocument(message).toJson(QJsonDocument::Compact)) : reason,
                  result);
         QCOMPARE(reason == "untouched", read);
-    }
-
-    void encodesAndNames()
-    {
-        QCOMPARE(VpnServiceProtocol::encodeMessage(QJsonObject()), "{}\n");
-        QCOMPARE(VpnServiceProtocol::encodeMessage({{"text", "a\nb"}, {"n", 1}}),
-                 "{\"n\":1,\"text\":\"a\\nb\"}\n");
-        QStringList names;
-        for (int status = -1; status <= 5; ++status)
-            names << VpnServiceProtocol::statusToString(PlatformVpnBackend::Status(status));
-        QCOMPARE(names, (QStringList{"unknown", "disconnected", "connecting", "connected",
-                                     "disconnecting", "error", "unknown"}));
     }
 
     void carriesTheConfiguration()

@@ -24,14 +24,13 @@ public:
     QByteArray stateBytes() const { return QJsonDocument(state()).toJson(); }
     void writeState(const QJsonObject &host) const { run({"write"}, QJsonDocument(host).toJson()); }
 
-    // Every tool call so far, or those of one tool without its name.
-    QList<QStringList> calls(const QString &tool = QString()) const
+    // Every tool call so far, each with the tool's name first.
+    QList<QStringList> calls() const
     {
         QList<QStringList> result;
         for (const QByteArray &line : read(dir + "/calls.log").split('\n')) {
-            const QStringList call = QJsonDocument::fromJson(line).toVariant().toStringList();
-            if (!call.isEmpty() && (tool.isEmpty() || call.front() == tool))
-                result.append(tool.isEmpty() ? call : call.mid(1));
+            if (!line.isEmpty())
+                result.append(QJsonDocument::fromJson(line).toVariant().toStringList());
         }
         return result;
     }
@@ -52,7 +51,6 @@ public:
         }
         return 0;
     }
-    bool tunnelRunning() const { return tunnelPid() != 0; }
 
 protected:
     static QByteArray read(const QString &path)

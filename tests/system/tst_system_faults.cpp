@@ -59,7 +59,7 @@ private:
     {
         if (host->daemon().state() != QProcess::Running && !host->startDaemon())
             return false;
-        return !host->tunnelRunning() && host->stateBytes() == before && host->hostsFile() == Hosts;
+        return host->stateBytes() == before && host->hostsFile() == Hosts;
     }
 
 private Q_SLOTS:
@@ -132,7 +132,6 @@ private Q_SLOTS:
                                      .arg(killAt)
                                      .arg(killAgain ? " and again in the undo" : "");
             std::printf("%s\n", qPrintable(what));
-            std::fflush(stdout);
 
             if (scenario == Fail || scenario == Hang)
                 host->setFaults({QString(scenario == Fail ? "fail:" : "hang:") + step});
