@@ -15,6 +15,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QHash>
 #include <QJsonDocument>
 #include <QLocalSocket>
 #include <QTimer>
@@ -22,6 +23,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -182,25 +184,21 @@ int main(int argc, char *argv[])
     double maxLatencyMs = 0;
     qint64 pid = 0;
     QString path = VpnServiceProtocol::socketPath();
+    const QHash<QString, std::function<void(const QString &)>> options = {
+        {QStringLiteral("--seconds"), [&](const QString &v) { seconds = v.toInt(); }},
+        {QStringLiteral("--honest"), [&](const QString &v) { honestClients = v.toInt(); }},
+        {QStringLiteral("--idle"), [&](const QString &v) { idle = v.toInt(); }},
+        {QStringLiteral("--slow"), [&](const QString &v) { slow = v.toInt(); }},
+        {QStringLiteral("--junk"), [&](const QString &v) { junk = v.toInt(); }},
+        {QStringLiteral("--pid"), [&](const QString &v) { pid = v.toLongLong(); }},
+        {QStringLiteral("--socket"), [&](const QString &v) { path = v; }},
+        {QStringLiteral("--max-latency-ms"),
+         [&](const QString &v) { maxLatencyMs = v.toDouble(); }},
+    };
     const QStringList args = app.arguments();
     for (int i = 1; i + 1 < args.size(); i += 2) {
-        const QString value = args[i + 1];
-        if (args[i] == QLatin1String("--seconds"))
-            seconds = value.toInt();
-        else if (args[i] == QLatin1String("--honest"))
-            honestClients = value.toInt();
-        else if (args[i] == QLatin1String("--idle"))
-            idle = value.toInt();
-        else if (args[i] == QLatin1String("--slow"))
-            slow = value.toInt();
-        else if (args[i] == QLatin1String("--junk"))
-            junk = value.toInt();
-        else if (args[i] == QLatin1String("--pid"))
-            pid = value.toLongLong();
-        else if (args[i] == QLatin1String("--socket"))
-            path = value;
-        else if (args[i] == QLatin1String("--max-latency-ms"))
-            maxLatencyMs = value.toDouble();
+        if (const auto option = options.find(args[i]); option != options.end())
+            (*option)(args[i + 1]);
     }
 
     Figures figures;
