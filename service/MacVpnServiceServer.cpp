@@ -79,10 +79,6 @@ bool MacVpnServiceServer::start()
         return false;
     }
 
-    // The client application runs unprivileged; the file mode is what lets it in.
-    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                    QFileDevice::ReadGroup | QFileDevice::WriteGroup |
-                                    QFileDevice::ReadOther | QFileDevice::WriteOther);
     const uint euid = geteuid();
     qInfo() << "[MacVpnServiceServer] listening" << path << "euid=" << euid;
     if (euid != 0)

@@ -69,8 +69,12 @@ bool ServiceListener::listen(const QString &socketPath)
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     ::fcntl(fd, F_SETFL, O_NONBLOCK);
     struct stat info = {};
+    // The client application runs unprivileged; the file mode is what lets it
+    // in. It is set before listen() so that no client ever meets the
+    // umask's mode: until then a connect is refused rather than denied.
     if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        ::listen(fd, ListenBacklog) != 0 || ::lstat(encoded.constData(), &info) != 0) {
+        ::chmod(encoded.constData(), 0666) != 0 || ::listen(fd, ListenBacklog) != 0 ||
+        ::lstat(encoded.constData(), &info) != 0) {
         addressInUse = errno == EADDRINUSE;
         error = systemError();
         ::close(fd);
