@@ -118,17 +118,17 @@ public:
     QString routeType(const QString &route) const;
 
 private:
-    friend struct MacVpnBackendAccess; // tests read the bookkeeping
-
-    // A route to add, how to add it, and the message when that fails (none
-    // when a failure does not stop the connect).
+    // A route to add and the message when that fails (none when a failure
+    // does not stop the connect).
     struct PlannedRoute
     {
         RouteEntry entry;
-        QStringList arguments;
         const char *failureMessage;
     };
     bool addRoutes(const QList<PlannedRoute> &planned);
+    // The route command that adds it: into the tunnel by interface, around
+    // it by gateway.
+    QStringList routeAddArguments(const RouteEntry &route) const;
 
     // The journal of host changes (backend/core/JournalState.cpp).
     QJsonObject journalState() const;

@@ -49,9 +49,9 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
         if (pinned.contains(text))
             continue;
         QString standardError;
-        const QStringList arguments = {QStringLiteral("-n"), QStringLiteral("add"),
-                                       QStringLiteral("-host"), text, gateway};
-        if (!runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs)) {
+        const RouteEntry bypass{QStringLiteral("inet"), text, QStringLiteral("-host"), gateway};
+        if (!runCommand(host.routeTool, routeAddArguments(bypass), nullptr, &standardError,
+                        CommandTimeoutMs)) {
             qWarning() << "[MacVpnBackend] control-plane route failed" << text
                        << standardError.trimmed();
             continue;

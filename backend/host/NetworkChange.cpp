@@ -54,12 +54,9 @@ void MacVpnBackend::moveGatewayRoutes(const QString &gateway)
     saveJournal();
 
     for (const RouteEntry &route : std::as_const(moving)) {
-        QStringList arguments = {QStringLiteral("-n"), QStringLiteral("add")};
-        if (route.family == QLatin1String("inet6"))
-            arguments << QStringLiteral("-inet6");
-        arguments << route.type << route.destination << route.via;
         QString standardError;
-        if (runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs))
+        if (runCommand(host.routeTool, routeAddArguments(route), nullptr, &standardError,
+                       CommandTimeoutMs))
             continue;
         // Not added, so not ours: dropped from the record.
         qWarning() << "[MacVpnBackend] route not moved" << route.destination

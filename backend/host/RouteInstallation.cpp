@@ -40,12 +40,11 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
             serverRouteGateway.clear();
             return false;
         }
-        QStringList arguments = {NumericFlag, Add};
-        if (ipv6Server)
-            arguments << Inet6Flag;
-        arguments << QStringLiteral("-host") << serverHost << serverGateway;
+        const RouteEntry server{routeFamily(serverHost), serverHost, QStringLiteral("-host"),
+                                serverGateway};
         QString standardError;
-        if (!runCommand(host.routeTool, arguments, nullptr, &standardError, CommandTimeoutMs)) {
+        if (!runCommand(host.routeTool, routeAddArguments(server), nullptr, &standardError,
+                        CommandTimeoutMs)) {
             serverRouteGateway.clear();
             saveJournal();
             setError(tr("Не удалось добавить маршрут до сервера: %1").arg(standardError.trimmed()));
@@ -57,18 +56,10 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
 
     QList<PlannedRoute> planned;
     if (splitActive && splitTunnel.mode == 1) {
-        for (const QString &route : splitRoutes) {
-            const QString family = routeFamily(route);
-            const QString type = routeType(route);
-            QStringList arguments = {NumericFlag, Add};
-            if (family == QLatin1String("inet6"))
-                arguments << Inet6Flag;
-            arguments << type << route << InterfaceFlag << tunnelInterface;
+        for (const QString &route : splitRoutes)
             planned.append(
-                {{family, route, type, tunnelInterface},
-                 arguments,
+                {{routeFamily(route), route, routeType(route), tunnelInterface},
                  QT_TR_NOOP("Не удалось добавить маршрут раздельного туннелирования: %1")});
-        }
         return addRoutes(planned);
     }
 
@@ -87,25 +78,19 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
     }
     for (const QString &destination : std::as_const(ipv4Destinations))
         planned.append({{QStringLiteral("inet"), destination, NetType, tunnelInterface},
-                        {NumericFlag, Add, NetType, destination, InterfaceFlag, tunnelInterface},
                         QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")});
     if (allowed.contains(QLatin1String("::/0"))) {
         // A failed IPv6 half does not stop the connect.
         for (const QString &destination : {QStringLiteral("::/1"), QStringLiteral("8000::/1")})
-            planned.append({{QStringLiteral("inet6"), destination, NetType, tunnelInterface},
-                            {NumericFlag, Add, Inet6Flag, NetType, destination, InterfaceFlag,
-                             tunnelInterface},
-                            nullptr});
+            planned.append(
+                {{QStringLiteral("inet6"), destination, NetType, tunnelInterface}, nullptr});
     }
 
     if (splitPresent && splitTunnel.mode == 2 && !gateway.isEmpty()) {
-        for (const QString &route : splitRoutes) {
-            const QString type = routeType(route);
+        for (const QString &route : splitRoutes)
             planned.append(
-                {{QStringLiteral("inet"), route, type, gateway},
-                 {NumericFlag, Add, type, route, gateway},
+                {{QStringLiteral("inet"), route, routeType(route), gateway},
                  QT_TR_NOOP("Не удалось добавить исключение раздельного туннелирования: %1")});
-        }
     }
     return addRoutes(planned);
 }
@@ -125,7 +110,7 @@ bool MacVpnBackend::addRoutes(const QList<PlannedRoute> &planned)
     qsizetype next = first;
     for (const PlannedRoute &route : planned) {
         QString standardError;
-        if (runCommand(host.routeTool, route.arguments, nullptr, &standardError,
+        if (runCommand(host.routeTool, routeAddArguments(route.entry), nullptr, &standardError,
                        CommandTimeoutMs)) {
             ++next;
             continue;
@@ -141,4 +126,15 @@ bool MacVpnBackend::addRoutes(const QList<PlannedRoute> &planned)
     }
     saveJournal();
     return true;
+}
+
+QStringList MacVpnBackend::routeAddArguments(const RouteEntry &route) const
+{
+    QStringList arguments = {NumericFlag, Add};
+    if (route.family == QLatin1String("inet6"))
+        arguments << Inet6Flag;
+    arguments << route.type << route.destination;
+    if (!route.via.isEmpty() && route.via == tunnelInterface)
+        arguments << InterfaceFlag;
+    return arguments << route.via;
 }

@@ -15,19 +15,17 @@ constexpr qsizetype MaxReplyBytes = 1024 * 1024;
 struct Exchange
 {
     QString reply;
-    QString connectError; // set when the socket did not connect
-    QString writeError;   // set when the request could not be written
+    const char *failure = nullptr; // the step that failed, if one did
+    QString error;
 };
 
 // One request and its reply over a fresh connection to the socket.
 Exchange exchange(const QString &socketPath, const QString &payload, int timeoutMs)
 {
-    Exchange result;
     QLocalSocket socket;
     socket.connectToServer(socketPath, QIODevice::ReadWrite);
     if (!socket.waitForConnected(timeoutMs)) {
-        result.connectError = socket.errorString();
-        return result;
+        return {QString(), "uapi socket connect failed", socket.errorString()};
     }
 
     QByteArray request = payload.toUtf8();
@@ -35,8 +33,7 @@ Exchange exchange(const QString &socketPath, const QString &payload, int timeout
         request += '\n';
     socket.write(request);
     if (!socket.waitForBytesWritten(timeoutMs)) {
-        result.writeError = socket.errorString();
-        return result;
+        return {QString(), "uapi write failed", socket.errorString()};
     }
 
     QByteArray buffer;
@@ -51,8 +48,7 @@ Exchange exchange(const QString &socketPath, const QString &payload, int timeout
     }
     if (buffer.size() < MaxReplyBytes)
         buffer += socket.readAll();
-    result.reply = QString::fromUtf8(buffer).trimmed();
-    return result;
+    return {QString::fromUtf8(buffer).trimmed(), nullptr, QString()};
 }
 
 } // namespace
@@ -65,12 +61,8 @@ QString MacVpnBackend::uapiCommand(const QString &payload)
                              LogMasking::uapiText(payload);
 
     const Exchange done = exchange(uapiSocketPath(), payload, UapiTimeoutMs);
-    if (!done.connectError.isEmpty()) {
-        qWarning() << "[MacVpnBackend] uapi socket connect failed" << done.connectError;
-        return QString();
-    }
-    if (!done.writeError.isEmpty()) {
-        qWarning() << "[MacVpnBackend] uapi write failed" << done.writeError;
+    if (done.failure) {
+        qWarning() << "[MacVpnBackend]" << done.failure << done.error;
         return QString();
     }
     qInfo() << "[MacVpnBackend] uapiCommand finished"
