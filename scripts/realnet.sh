@@ -61,11 +61,6 @@ realnet_endpoint_moved() {
   ip route get "$ENDPOINT" | grep -q "via 192.168.78.1 dev veth-c2"
 }
 
-# The server now hears from us by the second uplink.
-realnet_server_sees_second_uplink() {
-  in_server wg show wg-srv endpoints | grep -q "192.168.78.2:"
-}
-
 realnet_server() {
   umask 077
   wg genkey > /tmp/server.key
@@ -155,11 +150,6 @@ realnet_snapshot() {
   echo "# ip -6 route"; ip -6 route show
   echo "# links"; ip -o link show | awk '{print $2}'
   echo "# DNS (simulated)"; sed -n '/"services"/,$p' "$MACSIM_STATE_DIR/host.json"
-}
-
-# Processor time the daemon has used, in milliseconds.
-realnet_daemon_cpu_ms() {
-  awk -v hz="$(getconf CLK_TCK)" '{print int(($14 + $15) * 1000 / hz)}' "/proc/$DAEMON_PID/stat"
 }
 
 realnet_handshake() {

@@ -139,11 +139,9 @@ private Q_SLOTS:
         file.close();
         ::chmod(QFile::encodeName(host.hostsFile).constData(), 0640);
         MacVpnBackend backend(host);
-        const auto read = [&file] {
-            file.open(QIODevice::ReadOnly);
-            const QByteArray bytes = file.readAll();
-            file.close();
-            return bytes;
+        const auto read = [&host] {
+            QFile file(host.hostsFile);
+            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
         };
 
         // A second and a third connect leave one block, not three.

@@ -33,8 +33,7 @@ standin_tools() {
 }
 # The simulated host, apart from which process owns the utun, and /etc/hosts.
 host_state() {
-  python3 -c 'import json, sys; print(json.dumps(json.load(open(sys.argv[1])), indent=1, sort_keys=True))' \
-    "$MACSIM_STATE_DIR/host.json" | grep -v '"owner"'
+  python3 -m json.tool --indent 1 --sort-keys "$MACSIM_STATE_DIR/host.json" | grep -v '"owner"'
   cat /etc/hosts
 }
 answers() {

@@ -28,12 +28,10 @@ bool hasRoute(const QJsonObject &state, const QString &destination, const QStrin
 // "family destination type gateway interface", as the stand-ins keep a route.
 QJsonObject route(const QString &words)
 {
-    const QStringList w = words.split(' ');
-    return {{"family", w[0]},
-            {"destination", w[1]},
-            {"type", w[2]},
-            {"gateway", w[3]},
-            {"interface", w[4]}};
+    QJsonObject route;
+    for (const char *key : {"family", "destination", "type", "gateway", "interface"})
+        route.insert(key, words.section(' ', route.size(), route.size()));
+    return route;
 }
 
 QString dnsOf(const QJsonObject &state, const QString &service)

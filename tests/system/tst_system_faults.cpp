@@ -125,12 +125,10 @@ private Q_SLOTS:
             const QString step = steps.at(int(random.bounded(steps.size())));
             const qsizetype killAt = 1 + qsizetype(random.bounded(killPoints));
             const bool killBefore = random.bounded(2) == 1, killAgain = random.bounded(2) == 1;
-            const QString what = QString("seed %1 cycle %2: %3, step \"%4\", kill %5 call %6%7")
-                                     .arg(seed)
-                                     .arg(cycle)
-                                     .arg(names[scenario], step, killBefore ? "before" : "after")
-                                     .arg(killAt)
-                                     .arg(killAgain ? " and again in the undo" : "");
+            const QString what = QString::asprintf(
+                "seed %u cycle %d: %s, step \"%s\", kill %s call %lld%s", seed, cycle,
+                names[scenario], qPrintable(step), killBefore ? "before" : "after",
+                qlonglong(killAt), killAgain ? " and again in the undo" : "");
             std::printf("%s\n", qPrintable(what));
 
             if (scenario == Fail || scenario == Hang)
