@@ -4,11 +4,28 @@
 
 #include <QFile>
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#ifdef Q_OS_MACOS
+#if __has_include(<membership.h>)
+#include <membership.h>
+#else
+// Apple's <membership.h>, for an SDK that lacks it: the declarations as
+// Apple's header makes them.
+#include <uuid/uuid.h>
+extern "C" {
+int mbr_uid_to_uuid(uid_t id, uuid_t uu);
+int mbr_group_name_to_uuid(const char *name, uuid_t uu);
+int mbr_check_membership(const uuid_t user, const uuid_t group, int *ismember);
+}
+#endif
+#else
+#include <algorithm>
+#include <grp.h>
+#include <pwd.h>
 #include <vector>
+#endif
 
 namespace {
 
@@ -20,43 +37,51 @@ uid_t ownerOfConsole()
     return info.st_uid;
 }
 
+#ifdef Q_OS_MACOS
+
+// Directory Services answers for nested groups and for users in any number
+// of groups, which the group list of getgrouplist() does not.
+bool memberOfAdministrators(uid_t uid)
+{
+    uuid_t user = {};
+    uuid_t administrators = {};
+    int member = 0;
+    return ::mbr_uid_to_uuid(uid, user) == 0 &&
+           ::mbr_group_name_to_uuid(AdministratorsGroup.data(), administrators) == 0 &&
+           ::mbr_check_membership(user, administrators, &member) == 0 && member != 0;
+}
+
+#else
+
 bool memberOfAdministrators(uid_t uid)
 {
     std::vector<char> buffer(16384);
     struct group group = {};
     struct group *found = nullptr;
-    if (::getgrnam_r(AdministratorsGroup.data(), &group, buffer.data(), buffer.size(), &found) !=
-            0 ||
-        !found)
-        return false;
-    const gid_t administrators = group.gr_gid;
     struct passwd account = {};
     struct passwd *user = nullptr;
-    if (::getpwuid_r(uid, &account, buffer.data(), buffer.size(), &user) != 0 || !user)
+    if (::getgrnam_r(AdministratorsGroup.data(), &group, buffer.data(), buffer.size() / 2,
+                     &found) != 0 ||
+        !found ||
+        ::getpwuid_r(uid, &account, buffer.data() + buffer.size() / 2, buffer.size() / 2, &user) !=
+            0 ||
+        !user)
         return false;
-    if (user->pw_gid == administrators)
+    if (user->pw_gid == group.gr_gid)
         return true;
+    // glibc reports how many groups there are when the list does not fit.
     std::vector<gid_t> groups(64);
     int count = int(groups.size());
-#ifdef Q_OS_MACOS
-    using GroupId = int;
-#else
-    using GroupId = gid_t;
-#endif
-    if (::getgrouplist(user->pw_name, GroupId(user->pw_gid),
-                       reinterpret_cast<GroupId *>(groups.data()), &count) < 0) {
+    if (::getgrouplist(user->pw_name, user->pw_gid, groups.data(), &count) < 0) {
         groups.resize(size_t(count));
-        if (::getgrouplist(user->pw_name, GroupId(user->pw_gid),
-                           reinterpret_cast<GroupId *>(groups.data()), &count) < 0)
+        if (::getgrouplist(user->pw_name, user->pw_gid, groups.data(), &count) < 0)
             return false;
     }
     groups.resize(size_t(count));
-    for (const gid_t gid : groups) {
-        if (gid == administrators)
-            return true;
-    }
-    return false;
+    return std::find(groups.begin(), groups.end(), group.gr_gid) != groups.end();
 }
+
+#endif
 
 } // namespace
 

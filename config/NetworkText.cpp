@@ -13,7 +13,7 @@ bool isRouteOfProtocol(const QString &route, QAbstractSocket::NetworkLayerProtoc
     const QString text = route.trimmed();
     if (text.isEmpty())
         return false;
-    const int slash = text.indexOf(QLatin1Char('/'));
+    const qsizetype slash = text.indexOf(QLatin1Char('/'));
     if (slash >= 0) {
         bool ok = false;
         const int prefix = text.section(QLatin1Char('/'), 1, 1).toInt(&ok, 10);

@@ -24,12 +24,16 @@ void forwardSignal(int signalNumber)
 
 ServiceSignals::ServiceSignals(QObject *parent) : QObject(parent)
 {
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pipeEnds) != 0) {
+    // Not inherited by the tools and the tunnel program; macOS has no
+    // SOCK_CLOEXEC, and nothing forks before this runs.
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pipeEnds) != 0) {
         qWarning() << "[ServiceSignals] socketpair failed; signals end the process at once";
         return;
     }
-    for (const int end : pipeEnds)
+    for (const int end : pipeEnds) {
+        ::fcntl(end, F_SETFD, FD_CLOEXEC);
         ::fcntl(end, F_SETFL, O_NONBLOCK);
+    }
     notifier = std::make_unique<QSocketNotifier>(pipeEnds[1], QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &ServiceSignals::drain);
 

@@ -34,6 +34,18 @@ bool writeAll(int fd, const QByteArray &bytes)
     return true;
 }
 
+// On macOS fsync() leaves the data in the drive's cache, where a power cut
+// loses it; only F_FULLFSYNC reaches stable storage. A file system that
+// refuses it gets the best it offers.
+int flushToDisk(int fd)
+{
+#ifdef F_FULLFSYNC
+    if (::fcntl(fd, F_FULLFSYNC) == 0)
+        return 0;
+#endif
+    return ::fsync(fd);
+}
+
 // The directory entry of the rename must reach the disk too, or a power cut
 // could bring back the old file after the service went on.
 void syncDirectory(const QByteArray &directory)
@@ -41,7 +53,7 @@ void syncDirectory(const QByteArray &directory)
     const int fd = ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return;
-    ::fsync(fd);
+    flushToDisk(fd);
     ::close(fd);
 }
 
@@ -69,7 +81,7 @@ bool write(const QString &path, const QByteArray &bytes, const Ownership &owners
         *error = systemError("set owner");
         ok = false;
     }
-    if (ok && ::fsync(fd) != 0) {
+    if (ok && flushToDisk(fd) != 0) {
         *error = systemError("sync");
         ok = false;
     }

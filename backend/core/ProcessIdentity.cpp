@@ -4,6 +4,7 @@
 
 #ifdef Q_OS_MACOS
 #include <libproc.h>
+#include <sys/proc.h>
 #include <sys/proc_info.h>
 #endif
 

@@ -41,7 +41,7 @@ QString MacVpnBackend::endpointOf(const ParsedVpnConfig &config) const
 QString MacVpnBackend::clientIpv4(const ParsedVpnConfig &config) const
 {
     const QString address = config.lastConfig.value(QLatin1String("client_ip")).toString();
-    const int slash = address.indexOf(QLatin1Char('/'));
+    const qsizetype slash = address.indexOf(QLatin1Char('/'));
     return slash < 0 ? address : address.left(slash);
 }
 

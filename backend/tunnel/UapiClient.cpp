@@ -84,7 +84,7 @@ int MacVpnBackend::uapiErrno(const QString &reply) const
 {
     const QStringList lines = reply.split(QLatin1Char('\n'));
     for (const QString &line : lines) {
-        const int separator = line.indexOf(QLatin1Char('='));
+        const qsizetype separator = line.indexOf(QLatin1Char('='));
         if (separator <= 0)
             continue;
         // An error number that is no number is a broken reply, not a success.
