@@ -11,6 +11,9 @@ constexpr auto TunnelBinaryName = QLatin1String("amneziawg-go");
 // may be able to create it first, as anyone can under /tmp.
 constexpr auto RuntimeDir = QLatin1String("/var/run/tarvex-amneziawg");
 constexpr auto InterfacePrefix = QLatin1String("amn0");
+// Where a tunnel program built without our socket directory listens instead:
+// the userspace WireGuard default, fixed when the program is built.
+constexpr auto UpstreamSocketDir = QLatin1String("/var/run/wireguard");
 constexpr auto DefaultIpv6Address = QLatin1String("fd58:baa6:dead::1");
 constexpr auto HostsFilePath = QLatin1String("/etc/hosts");
 constexpr auto HostsBeginMarker = QLatin1String("# BEGIN TARVEX_VPN_CLIENT");
@@ -25,6 +28,7 @@ constexpr auto OrganizationDomain = QLatin1String("tarvex.com");
 
 constexpr auto IfconfigTool = QLatin1String("/sbin/ifconfig");
 constexpr auto RouteTool = QLatin1String("/sbin/route");
+constexpr auto NetstatTool = QLatin1String("/usr/sbin/netstat");
 constexpr auto NetworksetupTool = QLatin1String("/usr/sbin/networksetup");
 constexpr auto DscacheutilTool = QLatin1String("/usr/bin/dscacheutil");
 constexpr auto KillallTool = QLatin1String("/usr/bin/killall");

@@ -86,8 +86,9 @@ bool memberOfAdministrators(uid_t uid)
 } // namespace
 
 MacHostEnvironment::MacHostEnvironment()
-    : ifconfigTool(IfconfigTool), routeTool(RouteTool), networksetupTool(NetworksetupTool),
-      dscacheutilTool(DscacheutilTool), killallTool(KillallTool), runtimeDir(RuntimeDir),
+    : ifconfigTool(IfconfigTool), routeTool(RouteTool), netstatTool(NetstatTool),
+      networksetupTool(NetworksetupTool), dscacheutilTool(DscacheutilTool),
+      killallTool(KillallTool), runtimeDir(RuntimeDir), upstreamSocketDir(UpstreamSocketDir),
       hostsFile(HostsFilePath), journalDir(JournalDir),
       lookupHost([](const QString &name) { return QHostInfo::fromName(name); }),
       consoleOwner(ownerOfConsole), isAdministrator(memberOfAdministrators)

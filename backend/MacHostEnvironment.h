@@ -15,11 +15,13 @@ struct MacHostEnvironment
 
     QString ifconfigTool;
     QString routeTool;
+    QString netstatTool;
     QString networksetupTool;
     QString dscacheutilTool;
     QString killallTool;
 
     QString runtimeDir;
+    QString upstreamSocketDir;
     QString hostsFile;
     QString journalDir;
 

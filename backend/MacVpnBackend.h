@@ -4,6 +4,7 @@
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/HostJournal.h"
 #include "backend/host/RouteMonitor.h"
+#include "backend/host/RoutingTable.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -129,6 +130,13 @@ private:
     // The route command that adds it: into the tunnel by interface, around
     // it by gateway.
     QStringList routeAddArguments(const RouteEntry &route) const;
+    // Runs route and judges it by what it printed (see RouteReply): false,
+    // with the error as route printed it, when the kernel refused.
+    bool runRoute(const QStringList &arguments, QString *failure, QString *answer = nullptr) const;
+    // Deletes one of our routes; the error when it is still there.
+    QString deleteRoute(const RouteEntry &route) const;
+    // Read without a word on the routing socket, unlike "route get".
+    RoutingTable readRoutingTable(bool ipv6) const;
 
     // The journal of host changes (backend/core/JournalState.cpp).
     QJsonObject journalState() const;
@@ -138,7 +146,6 @@ private:
     bool saveJournal(QString *error = nullptr);
     bool recordHostChange();
     bool routeStillInstalled(const RouteEntry &route) const;
-    void deleteRoute(const RouteEntry &route);
     void stopRecordedTunnel();
 
     // Names the connect needs (split-tunnel hosts, the control-plane host),
@@ -153,7 +160,11 @@ private:
 
     // Following the network while connected (backend/host/NetworkChange.cpp).
     void followNetworkChange();
-    void moveGatewayRoutes(const QString &gateway);
+    // The routes that leave by a gateway rather than the tunnel: the server
+    // route, the bypass hosts and the exclusions of that family.
+    QList<RouteEntry> routesAroundTunnel(bool ipv6) const;
+    void moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayOut);
+    void restoreMissingRoutes(bool ipv6, const RoutingTable &table);
     void configureDnsOnNewServices();
     QStringList enabledServices(const QString &listing) const;
     void applyVpnDns(const QString &service, const QStringList &servers);
@@ -181,7 +192,9 @@ private:
     // (empty unless that route is ours), whether the hosts block is ours, and
     // who the tunnel program is.
     QString physicalGateway;
+    QString physicalInterface;
     QString serverRouteGateway;
+    QString serverRouteInterface;
     bool hostsPinned = false;
     qint64 tunnelPid = 0;
     QString tunnelIdentity;
@@ -192,6 +205,9 @@ private:
     RouteMonitor routeMonitor;
     QStringList vpnDnsServers; // set on the network services while connected
     QString tunnelEndpoint;
+    // The interface the tunnel program named, whether or not its
+    // configuration socket then answered.
+    QString namedInterface;
     QElapsedTimer connectedClock;
 
     // A connect re-enters the event loop while it waits for the interface

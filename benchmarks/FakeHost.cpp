@@ -12,8 +12,7 @@ FakeHost::FakeHost()
 {
     for (const char *sub : {"tools", "state", "app"})
         QDir(dir.path()).mkpath(sub);
-    for (const char *tool : {"route", "ifconfig", "networksetup", "dscacheutil", "killall"})
-        QFile::link(binary("mactools"), path(QString("tools/") + tool));
+    simulated.link(path("tools"));
     simulated.reset();
     QFile hosts(hostsFile());
     if (hosts.open(QIODevice::WriteOnly))
@@ -33,6 +32,7 @@ MacHostEnvironment FakeHost::environment() const
     MacHostEnvironment env;
     for (auto [tool, name] : {std::pair{&env.ifconfigTool, "ifconfig"},
                               {&env.routeTool, "route"},
+                              {&env.netstatTool, "netstat"},
                               {&env.networksetupTool, "networksetup"},
                               {&env.dscacheutilTool, "dscacheutil"},
                               {&env.killallTool, "killall"}})

@@ -92,9 +92,7 @@ realnet_client() {
   cp "$BIN/TarvexVpnService" /opt/tarvex/
   cp "$ROOT/tests/standins/wg-launcher/amneziawg-go" /opt/tarvex/
   "$BIN/mactools" reset
-  for tool in /sbin/route /sbin/ifconfig /usr/sbin/networksetup /usr/bin/dscacheutil /usr/bin/killall; do
-    ln -sf "$BIN/mactools" "$tool"
-  done
+  "$BIN/mactools" link
   printf '%s\ttarvex.com\n' "$CONTROL_PLANE" >> /etc/hosts
 }
 

@@ -2,6 +2,7 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
 #include "backend/core/ProcessIdentity.h"
+#include "backend/host/RouteReply.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
@@ -16,21 +17,20 @@ namespace {
 constexpr int JournalLockWaitMs = 30000;
 constexpr int RecordedTunnelStopMs = 5000;
 
-QString field(const QString &output, const QString &name)
+// The length of a network mask as route prints it ("128.0.0.0", "default").
+int prefixOfMask(const QString &mask, bool ipv6)
 {
-    const QStringList lines = output.split(QLatin1Char('\n'));
-    for (const QString &line : lines) {
-        const QString trimmed = line.trimmed();
-        if (trimmed.startsWith(name + QLatin1Char(':')))
-            return trimmed.mid(name.size() + 1).trimmed();
+    const QHostAddress address = RouteReply::address(mask, ipv6);
+    int bits = 0;
+    if (address.protocol() == QAbstractSocket::IPv4Protocol) {
+        for (quint32 value = address.toIPv4Address(); value; value <<= 1)
+            bits += (value & 0x80000000u) ? 1 : 0;
+    } else {
+        const Q_IPV6ADDR bytes = address.toIPv6Address();
+        for (const quint8 byte : bytes.c)
+            bits += qPopulationCount(byte);
     }
-    return QString();
-}
-
-bool sameAddress(const QString &a, const QString &b)
-{
-    const QHostAddress left(a);
-    return !left.isNull() && left.isEqual(QHostAddress(b));
+    return bits;
 }
 
 bool waitUntilGone(qint64 pid, const QString &identity, int timeoutMs)
@@ -90,33 +90,38 @@ bool MacVpnBackend::recoverHostChanges()
 }
 
 // Someone else may have changed the routing table since: only a route that
-// still goes where ours went is ours to delete.
+// still goes where ours went, to the very destination and mask, is ours to
+// delete. Asked for a route that is gone, route answers with the one that
+// covers the destination now, the default route as likely as any.
 bool MacVpnBackend::routeStillInstalled(const RouteEntry &route) const
 {
+    const bool ipv6 = route.family == QLatin1String("inet6");
     QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get")};
-    if (route.family == QLatin1String("inet6"))
+    if (ipv6)
         arguments << QStringLiteral("-inet6");
     arguments << route.type << route.destination;
-    QString output;
-    const bool found = runCommand(host.routeTool, arguments, &output, nullptr, CommandTimeoutMs);
+    QString answer;
+    QString failure;
+    const bool found = runRoute(arguments, &failure, &answer);
+    const auto field = [&answer](const char *name) {
+        return RouteReply::field(answer, QLatin1String(name));
+    };
     const QString address = route.destination.section(QLatin1Char('/'), 0, 0);
-    const bool ours = found && sameAddress(field(output, QStringLiteral("destination")), address) &&
-                      (QHostAddress(route.via).isNull()
-                           ? field(output, QStringLiteral("interface")) == route.via
-                           : sameAddress(field(output, QStringLiteral("gateway")), route.via));
+    const bool network = route.type == QLatin1String("-net");
+    const int prefix = route.destination.contains(QLatin1Char('/'))
+                           ? route.destination.section(QLatin1Char('/'), 1).toInt()
+                           : (ipv6 ? 128 : 32);
+    const bool sameDestination =
+        RouteReply::address(field("destination"), ipv6).isEqual(QHostAddress(address)) &&
+        (network ? prefixOfMask(field("mask"), ipv6) == prefix : field("mask").isEmpty());
+    const bool sameWay = QHostAddress(route.via).isNull()
+                             ? field("interface") == route.via
+                             : QHostAddress(field("gateway")).isEqual(QHostAddress(route.via));
+    const bool ours = found && sameDestination && sameWay;
     if (!ours)
         qInfo() << "[MacVpnBackend] route no longer ours, left alone" << route.destination << "via"
                 << route.via;
     return ours;
-}
-
-void MacVpnBackend::deleteRoute(const RouteEntry &route)
-{
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("delete")};
-    if (route.family == QLatin1String("inet6"))
-        arguments << QStringLiteral("-inet6");
-    arguments << (route.type.isEmpty() ? QStringLiteral("-net") : route.type) << route.destination;
-    runCommand(host.routeTool, arguments, nullptr, nullptr, CommandTimeoutMs);
 }
 
 // The program is not our child any more: it is stopped by its pid, and only

@@ -48,12 +48,10 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
         const QString text = address.toString();
         if (pinned.contains(text))
             continue;
-        QString standardError;
+        QString failure;
         const RouteEntry bypass{QStringLiteral("inet"), text, QStringLiteral("-host"), gateway};
-        if (!runCommand(host.routeTool, routeAddArguments(bypass), nullptr, &standardError,
-                        CommandTimeoutMs)) {
-            qWarning() << "[MacVpnBackend] control-plane route failed" << text
-                       << standardError.trimmed();
+        if (!runRoute(routeAddArguments(bypass), &failure)) {
+            qWarning() << "[MacVpnBackend] control-plane route failed" << text << failure;
             continue;
         }
         pinned.append(text);
@@ -72,9 +70,6 @@ void MacVpnBackend::removeControlPlaneBypass()
     unpinControlPlaneHosts();
     hostsPinned = false;
     for (const QString &address : std::as_const(controlPlaneBypassHosts))
-        runCommand(
-            host.routeTool,
-            {QStringLiteral("-n"), QStringLiteral("delete"), QStringLiteral("-host"), address},
-            nullptr, nullptr, CommandTimeoutMs);
+        deleteRoute({QStringLiteral("inet"), address, QStringLiteral("-host"), physicalGateway});
     controlPlaneBypassHosts.clear();
 }

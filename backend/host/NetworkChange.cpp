@@ -3,73 +3,119 @@
 #include "backend/MacVpnBackend.h"
 
 #include <QDebug>
+#include <QHostAddress>
 
 void MacVpnBackend::followNetworkChange()
 {
+    const RouteMonitor::Changes changes = routeMonitor.takeChanges();
     if (currentStatus != Connected)
         return;
-    QString leavesBy;
-    const QString gateway = defaultGatewayOf(false, &leavesBy);
-    // No network, or a default route into our own tunnel: the routes stay as
-    // they are until a physical gateway comes back.
-    if (gateway.isEmpty() || leavesBy == tunnelInterface)
-        qInfo() << "[MacVpnBackend] no default gateway outside the tunnel; routes kept";
-    else if (gateway != physicalGateway)
-        moveGatewayRoutes(gateway);
-    if (!vpnDnsServers.isEmpty())
+    bool touched = false;
+    for (const bool ipv6 : {false, true}) {
+        for (const RouteEntry &route : routesAroundTunnel(ipv6)) {
+            const QHostAddress ours(route.destination.section(QLatin1Char('/'), 0, 0));
+            for (const QString &destination : changes.touched)
+                touched = touched || ours.isEqual(QHostAddress(destination));
+        }
+    }
+    if (!changes.wayOut && !touched)
+        return;
+
+    // Each family by its own default route: an IPv6 server follows the IPv6 one.
+    for (const bool ipv6 : {false, true}) {
+        const QList<RouteEntry> around = routesAroundTunnel(ipv6);
+        if (around.isEmpty())
+            continue;
+        const RoutingTable table = readRoutingTable(ipv6);
+        // No network, or a default route into our own tunnel: the routes stay
+        // as they are until a physical gateway comes back.
+        const auto wayOut = table.primaryDefault(tunnelInterface);
+        const QString gateway = ipv6 ? serverRouteGateway : physicalGateway;
+        const QString interfaceName = ipv6 ? serverRouteInterface : physicalInterface;
+        if (!wayOut)
+            qInfo() << "[MacVpnBackend] no default gateway outside the tunnel; routes kept"
+                    << (ipv6 ? "inet6" : "inet");
+        else if (wayOut->gateway != gateway || wayOut->interface != interfaceName)
+            moveGatewayRoutes(ipv6, *wayOut);
+        else
+            restoreMissingRoutes(ipv6, table);
+    }
+    if (changes.wayOut && !vpnDnsServers.isEmpty())
         configureDnsOnNewServices();
 }
 
-// The server, bypass and exclusion routes go by the physical gateway: each is
-// deleted and added again by the new one, and recorded like any other change.
-// An IPv6 server goes by the IPv6 default route and moves with that.
-void MacVpnBackend::moveGatewayRoutes(const QString &gateway)
+QList<MacVpnBackend::RouteEntry> MacVpnBackend::routesAroundTunnel(bool ipv6) const
 {
-    qInfo() << "[MacVpnBackend] default gateway changed" << physicalGateway << "->" << gateway;
-    const bool ipv6Server = routeFamily(serverHost) == QLatin1String("inet6");
-    const QString serverGateway = ipv6Server ? defaultGatewayOf(true) : gateway;
-    QList<RouteEntry> moving;
-    if (!serverHost.isEmpty() && !serverGateway.isEmpty() && serverGateway != serverRouteGateway)
-        moving.append(
-            {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverGateway});
-    for (const QString &address : std::as_const(controlPlaneBypassHosts))
-        moving.append({QStringLiteral("inet"), address, QStringLiteral("-host"), gateway});
-    for (const RouteEntry &route : std::as_const(installedRoutes)) {
-        if (!physicalGateway.isEmpty() && route.via == physicalGateway)
-            moving.append({route.family, route.destination, route.type, gateway});
+    const QString family = ipv6 ? QStringLiteral("inet6") : QStringLiteral("inet");
+    QList<RouteEntry> around;
+    if (!serverRouteGateway.isEmpty() && routeFamily(serverHost) == family)
+        around.append({family, serverHost, QStringLiteral("-host"), serverRouteGateway});
+    if (ipv6)
+        return around;
+    for (const QString &address : controlPlaneBypassHosts)
+        around.append({family, address, QStringLiteral("-host"), physicalGateway});
+    for (const RouteEntry &route : installedRoutes) {
+        if (route.via != tunnelInterface)
+            around.append(route);
     }
+    return around;
+}
 
-    // Gone first; one that left with the old network fails to delete, harmlessly.
-    for (const RouteEntry &route : std::as_const(moving)) {
-        if (route.destination != serverHost || !serverRouteGateway.isEmpty())
-            deleteRoute(route);
-    }
+// The routes around the tunnel are deleted, recorded by the new gateway and
+// added again by it. Recorded before they are added, so that the journal
+// always names the gateway they may go by; not added when that record fails.
+void MacVpnBackend::moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayOut)
+{
+    QString &gateway = ipv6 ? serverRouteGateway : physicalGateway;
+    QString &interfaceName = ipv6 ? serverRouteInterface : physicalInterface;
+    qInfo() << "[MacVpnBackend] default gateway changed" << gateway << "->" << wayOut.gateway
+            << "on" << wayOut.interface;
+    // Gone first; one that left with the old network is gone already.
+    for (const RouteEntry &route : routesAroundTunnel(ipv6))
+        deleteRoute(route);
+
+    const QString previous = gateway;
+    gateway = wayOut.gateway;
+    interfaceName = wayOut.interface;
+    if (!ipv6 && routeFamily(serverHost) == QLatin1String("inet") && !serverRouteGateway.isEmpty())
+        serverRouteGateway = wayOut.gateway;
     for (RouteEntry &route : installedRoutes) {
-        if (!physicalGateway.isEmpty() && route.via == physicalGateway)
-            route.via = gateway;
+        if (!ipv6 && route.via == previous)
+            route.via = wayOut.gateway;
     }
-    physicalGateway = gateway;
-    if (!moving.isEmpty() && moving.front().destination == serverHost)
-        serverRouteGateway = serverGateway;
-    saveJournal();
+    if (!saveJournal()) {
+        qWarning() << "[MacVpnBackend] routes not moved: the journal cannot record them";
+        return;
+    }
 
-    for (const RouteEntry &route : std::as_const(moving)) {
-        QString standardError;
-        if (runCommand(host.routeTool, routeAddArguments(route), nullptr, &standardError,
-                       CommandTimeoutMs))
+    for (const RouteEntry &route : routesAroundTunnel(ipv6)) {
+        QString failure;
+        if (runRoute(routeAddArguments(route), &failure))
             continue;
         // Not added, so not ours: dropped from the record.
-        qWarning() << "[MacVpnBackend] route not moved" << route.destination
-                   << standardError.trimmed();
+        qWarning() << "[MacVpnBackend] route not moved" << route.destination << failure;
         if (route.destination == serverHost)
             serverRouteGateway.clear();
         controlPlaneBypassHosts.removeAll(route.destination);
-        installedRoutes.erase(std::remove_if(installedRoutes.begin(), installedRoutes.end(),
-                                             [&route](const RouteEntry &entry) {
-                                                 return entry.destination == route.destination &&
-                                                        entry.via == route.via;
-                                             }),
-                              installedRoutes.end());
+        installedRoutes.removeIf([&route](const RouteEntry &entry) {
+            return entry.destination == route.destination && entry.via == route.via;
+        });
     }
     saveJournal();
+}
+
+// The same way out, but a link that went away took its routes with it (a
+// Wi-Fi drop and rejoin, or a cable to the same router): ours come back.
+void MacVpnBackend::restoreMissingRoutes(bool ipv6, const RoutingTable &table)
+{
+    for (const RouteEntry &route : routesAroundTunnel(ipv6)) {
+        if (table.contains(route.destination, route.via))
+            continue;
+        QString failure;
+        if (runRoute(routeAddArguments(route), &failure))
+            qInfo() << "[MacVpnBackend] route added again" << route.destination << "via"
+                    << route.via;
+        else
+            qWarning() << "[MacVpnBackend] route not added again" << route.destination << failure;
+    }
 }

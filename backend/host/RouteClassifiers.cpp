@@ -30,11 +30,12 @@ QString MacVpnBackend::defaultGateway() const
 QString MacVpnBackend::defaultGatewayOf(bool ipv6, QString *interfaceName) const
 {
     QString output;
+    QString failure;
     QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get")};
     if (ipv6)
         arguments << QStringLiteral("-inet6");
     arguments << QStringLiteral("default");
-    if (!runCommand(host.routeTool, arguments, &output, nullptr, CommandTimeoutMs))
+    if (!runRoute(arguments, &failure, &output))
         return QString();
     QString gateway;
     const QStringList lines = output.split(QLatin1Char('\n'));

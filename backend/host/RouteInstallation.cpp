@@ -16,7 +16,7 @@ const QString InterfaceFlag = QStringLiteral("-interface");
 bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
 {
     serverHost = endpointHost(config);
-    const QString gateway = defaultGateway();
+    const QString gateway = defaultGatewayOf(false, &physicalInterface);
     physicalGateway = gateway;
     const bool splitActive =
         splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2);
@@ -33,21 +33,22 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
     // again when the add fails, since a route that was there before us is not
     // ours to delete. An IPv6 server goes by the IPv6 default route.
     const bool ipv6Server = routeFamily(serverHost) == QLatin1String("inet6");
-    const QString serverGateway = ipv6Server ? defaultGatewayOf(true) : gateway;
+    QString serverInterface = physicalInterface;
+    const QString serverGateway = ipv6Server ? defaultGatewayOf(true, &serverInterface) : gateway;
     if (!serverHost.isEmpty() && !serverGateway.isEmpty()) {
         serverRouteGateway = serverGateway;
+        serverRouteInterface = serverInterface;
         if (!recordHostChange()) {
             serverRouteGateway.clear();
             return false;
         }
         const RouteEntry server{routeFamily(serverHost), serverHost, QStringLiteral("-host"),
                                 serverGateway};
-        QString standardError;
-        if (!runCommand(host.routeTool, routeAddArguments(server), nullptr, &standardError,
-                        CommandTimeoutMs)) {
+        QString failure;
+        if (!runRoute(routeAddArguments(server), &failure)) {
             serverRouteGateway.clear();
             saveJournal();
-            setError(tr("Не удалось добавить маршрут до сервера: %1").arg(standardError.trimmed()));
+            setError(tr("Не удалось добавить маршрут до сервера: %1").arg(failure));
             return false;
         }
     }
@@ -64,26 +65,28 @@ bool MacVpnBackend::configureRoutes(const ParsedVpnConfig &config)
     }
 
     // Full tunnelling uses two half routes per family, which win over the
-    // default route by being more specific without replacing it.
+    // default route by being more specific without replacing it. Every other
+    // range goes by its own family, whatever character it begins with.
     const QStringList allowed = allowedIps(config);
-    QStringList ipv4Destinations;
-    if (allowed.contains(QLatin1String("0.0.0.0/0"))) {
-        ipv4Destinations = {QStringLiteral("0.0.0.0/1"), QStringLiteral("128.0.0.0/1")};
-    } else {
-        for (const QString &range : allowed) {
-            if (!range.isEmpty() && range.front() >= QLatin1Char('0') &&
-                range.front() <= QLatin1Char('9'))
-                ipv4Destinations.append(range);
-        }
+    const bool allIpv4 = allowed.contains(QLatin1String("0.0.0.0/0"));
+    const bool allIpv6 = allowed.contains(QLatin1String("::/0"));
+    if (allIpv4) {
+        for (const QString &half : {QStringLiteral("0.0.0.0/1"), QStringLiteral("128.0.0.0/1")})
+            planned.append({{QStringLiteral("inet"), half, NetType, tunnelInterface},
+                            QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")});
     }
-    for (const QString &destination : std::as_const(ipv4Destinations))
-        planned.append({{QStringLiteral("inet"), destination, NetType, tunnelInterface},
-                        QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")});
-    if (allowed.contains(QLatin1String("::/0"))) {
+    for (const QString &range : allowed) {
+        if (isIpv4Route(range) && !allIpv4)
+            planned.append({{QStringLiteral("inet"), range, routeType(range), tunnelInterface},
+                            QT_TR_NOOP("Не удалось добавить IPv4 маршрут: %1")});
+        else if (isIpv6Route(range) && !allIpv6)
+            planned.append({{QStringLiteral("inet6"), range, routeType(range), tunnelInterface},
+                            QT_TR_NOOP("Не удалось добавить IPv6 маршрут: %1")});
+    }
+    if (allIpv6) {
         // A failed IPv6 half does not stop the connect.
-        for (const QString &destination : {QStringLiteral("::/1"), QStringLiteral("8000::/1")})
-            planned.append(
-                {{QStringLiteral("inet6"), destination, NetType, tunnelInterface}, nullptr});
+        for (const QString &half : {QStringLiteral("::/1"), QStringLiteral("8000::/1")})
+            planned.append({{QStringLiteral("inet6"), half, NetType, tunnelInterface}, nullptr});
     }
 
     if (splitPresent && splitTunnel.mode == 2 && !gateway.isEmpty()) {
@@ -109,9 +112,9 @@ bool MacVpnBackend::addRoutes(const QList<PlannedRoute> &planned)
     }
     qsizetype next = first;
     for (const PlannedRoute &route : planned) {
-        QString standardError;
-        if (runCommand(host.routeTool, routeAddArguments(route.entry), nullptr, &standardError,
-                       CommandTimeoutMs)) {
+        // A route that was there before ours is not ours: "File exists".
+        QString failure;
+        if (runRoute(routeAddArguments(route.entry), &failure)) {
             ++next;
             continue;
         }
@@ -121,7 +124,7 @@ bool MacVpnBackend::addRoutes(const QList<PlannedRoute> &planned)
         }
         installedRoutes.resize(next);
         saveJournal();
-        setError(tr(route.failureMessage).arg(standardError.trimmed()));
+        setError(tr(route.failureMessage).arg(failure));
         return false;
     }
     saveJournal();

@@ -1,5 +1,8 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/host/RouteReply.h"
+
+#include <QDebug>
 
 void MacVpnBackend::removeRoutes()
 {
@@ -13,4 +16,45 @@ void MacVpnBackend::removeRoutes()
     if (!serverRouteGateway.isEmpty() && !serverHost.isEmpty())
         deleteRoute({routeFamily(serverHost), serverHost, QStringLiteral("-host"), QString()});
     serverRouteGateway.clear();
+    serverRouteInterface.clear();
+}
+
+// A route that is not in the table any more is as good as deleted.
+QString MacVpnBackend::deleteRoute(const RouteEntry &route) const
+{
+    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("delete")};
+    if (route.family == QLatin1String("inet6"))
+        arguments << QStringLiteral("-inet6");
+    arguments << (route.type.isEmpty() ? QStringLiteral("-net") : route.type) << route.destination;
+    QString failure;
+    if (runRoute(arguments, &failure) || RouteReply::isNotInTable(failure))
+        return QString();
+    return failure;
+}
+
+bool MacVpnBackend::runRoute(const QStringList &arguments, QString *failure, QString *answer) const
+{
+    QString output;
+    QString error;
+    const bool exited = runCommand(host.routeTool, arguments, &output, &error, CommandTimeoutMs);
+    const bool change =
+        arguments.contains(QLatin1String("add")) || arguments.contains(QLatin1String("delete"));
+    *failure = RouteReply::failure(change, exited, output, error);
+    if (answer)
+        *answer = output;
+    if (failure->isEmpty())
+        return true;
+    if (exited)
+        qWarning() << "[MacVpnBackend] route refused" << arguments << *failure;
+    return false;
+}
+
+RoutingTable MacVpnBackend::readRoutingTable(bool ipv6) const
+{
+    QString output;
+    runCommand(host.netstatTool,
+               {QStringLiteral("-rn"), QStringLiteral("-f"),
+                ipv6 ? QStringLiteral("inet6") : QStringLiteral("inet")},
+               &output, nullptr, CommandTimeoutMs);
+    return RoutingTable::parse(output);
 }

@@ -135,6 +135,19 @@ bool MacVpnBackend::startTunnelProcess()
     }
 
     drainTunnelOutput();
+    // Named, but never answering: a tunnel program built for another socket
+    // directory, a constant fixed when it is built.
+    if (!namedInterface.isEmpty()) {
+        const QString expected = socketPathFor(runtimeDir, namedInterface);
+        const QString upstream = socketPathFor(host.upstreamSocketDir, namedInterface);
+        qWarning() << "[MacVpnBackend] no configuration socket at" << expected << "; at" << upstream
+                   << (QFileInfo::exists(upstream) ? "there is one" : "there is none");
+        setError(tr("Не удалось создать VPN-интерфейс: %1")
+                     .arg(tr("amneziawg-go не открыл сокет настройки %1; он должен быть собран "
+                             "с каталогом сокетов %2")
+                              .arg(expected, runtimeDir)));
+        return false;
+    }
     QString detail = tunnelOutput.trimmed();
     if (detail.contains(QLatin1String("operation not permitted"), Qt::CaseInsensitive))
         detail = tr("amneziawg-go не может создать utun-интерфейс без прав администратора. "
@@ -153,6 +166,7 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
     QTimer wakeUp;
     wakeUp.setSingleShot(true);
     const QFileSystemWatcher runtimeWatcher({runtimeDir});
+    namedInterface.clear();
     static const QRegularExpression utunName(QStringLiteral("^utun[0-9]{1,4}$"));
 
     while (tunnelProcess.state() == QProcess::Running && clock.elapsed() < NameWaitMs) {
@@ -175,6 +189,7 @@ QString MacVpnBackend::waitForTunnelName(const QString &nameFilePath)
                 break;
             }
             if (!name.isEmpty()) {
+                namedInterface = name;
                 const QString socketPath = socketPathFor(runtimeDir, name);
                 qInfo() << "[MacVpnBackend] test uapi socket" << socketPath;
                 QLocalSocket probe;

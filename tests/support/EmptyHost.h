@@ -11,8 +11,8 @@
 inline MacHostEnvironment emptyHost(const QTemporaryDir &dir)
 {
     MacHostEnvironment env;
-    for (QString *tool : {&env.ifconfigTool, &env.routeTool, &env.networksetupTool,
-                          &env.dscacheutilTool, &env.killallTool})
+    for (QString *tool : {&env.ifconfigTool, &env.routeTool, &env.netstatTool,
+                          &env.networksetupTool, &env.dscacheutilTool, &env.killallTool})
         *tool = dir.filePath(QStringLiteral("absent-tool"));
     env.runtimeDir = dir.filePath(QStringLiteral("run"));
     env.hostsFile = dir.filePath(QStringLiteral("hosts"));

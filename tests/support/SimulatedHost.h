@@ -17,6 +17,11 @@ public:
     }
 
     void reset() const { run({"reset"}); }
+    // Puts the tools at their macOS paths, or into the given directory.
+    void link(const QString &directory = QString()) const
+    {
+        run(directory.isEmpty() ? QStringList{"link"} : QStringList{"link", directory});
+    }
     // As the tools see it: an interface whose owner is gone has gone with
     // its routes, as a utun does.
     QJsonObject state() const { return QJsonDocument::fromJson(run({"state"})).object(); }

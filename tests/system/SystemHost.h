@@ -51,12 +51,8 @@ public:
     SystemHost() : SimulatedHost(StateDir, binary("mactools"))
     {
         Q_ASSERT(unavailableReason().isEmpty());
-        for (const char *tool : {"/sbin/route", "/sbin/ifconfig", "/usr/sbin/networksetup",
-                                 "/usr/bin/dscacheutil", "/usr/bin/killall"}) {
-            QFile::remove(tool);
-            QFile::link(binary("mactools"), tool);
-        }
         QDir(StateDir).removeRecursively();
+        link();
         reset();
         QDir().mkpath(InstallDir);
         replaceWithCopy(QString(InstallDir) + "/TarvexVpnService", binary("TarvexVpnService"));
@@ -170,6 +166,14 @@ public:
     }
 
     QProcess &daemon() { return process; }
+    // The daemon's processor time so far.
+    qint64 cpuMs() const
+    {
+        const QList<QByteArray> fields =
+            read(QString("/proc/%1/stat").arg(process.processId())).split(')').last().split(' ');
+        return (fields.value(12).toLongLong() + fields.value(13).toLongLong()) * 1000 /
+               ::sysconf(_SC_CLK_TCK);
+    }
     QString daemonLog() const { return QString::fromUtf8(read(logPath)); }
 
     QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const

@@ -26,9 +26,7 @@ finish() {
 export MACSIM_STATE_DIR=/var/lib/tarvex-sim
 # The stand-ins at the macOS tools' paths, on a fresh simulated host.
 standin_tools() {
-  for tool in /sbin/route /sbin/ifconfig /usr/sbin/networksetup /usr/bin/dscacheutil /usr/bin/killall; do
-    ln -sf "$BIN/mactools" "$tool"
-  done
+  "$BIN/mactools" link
   "$BIN/mactools" reset
 }
 # The simulated host, apart from which process owns the utun, and /etc/hosts.

@@ -8,6 +8,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <cstdio>
 #include <future>
 
 namespace {
@@ -16,10 +17,18 @@ const QByteArray Hosts = "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6
                          "198.51.100.10\ttarvex.com\n";
 const QString Vpn = "1.1.1.1 1.0.0.1";
 
-bool hasRoute(const QJsonObject &state, const QString &destination, const QString &via)
+#ifdef __SANITIZE_ADDRESS__
+constexpr qint64 MaxMoveMs = 6000;
+#else
+constexpr qint64 MaxMoveMs = 2000;
+#endif
+
+bool hasRoute(const QJsonObject &state, const QString &destination, const QString &via,
+              const char *interface = nullptr)
 {
     for (const QJsonValue &route : state.value("routes").toArray()) {
-        if (route["destination"] == destination && route["gateway"] == via)
+        if (route["destination"] == destination && route["gateway"] == via &&
+            (!interface || route["interface"] == interface))
             return true;
     }
     return false;
@@ -67,7 +76,7 @@ const QStringList Transcript = {
     "dscacheutil -flushcache",
     "killall -HUP mDNSResponder",
     "route -n monitor",
-    "route -n get default",
+    "netstat -rn -f inet",
     "networksetup -listallnetworkservices",
     "networksetup -setdnsservers Ethernet Empty",
     "networksetup -setdnsservers Thunderbolt Bridge 9.9.9.9 149.112.112.112",
@@ -169,46 +178,55 @@ private Q_SLOTS:
 
     // How a connect ends when the tunnel program or a tool fails, or when
     // others' routes are in the way; whatever the end, the disconnect leaves
-    // the host as it was.
+    // the host as it was. A tool fails as on a Mac: route prints the kernel's
+    // refusal and exits 0.
     void outcomes_data()
     {
         QTest::addColumn<QString>("tunnel"); // missing, not executable, or its faults
         QTest::addColumn<QString>("fault");
         QTest::addColumn<QString>("planted"); // a route someone else made before
-        QTest::addColumn<QString>("endpoint");
+        QTest::addColumn<QString>("change");  // of the client configuration, as JSON
         QTest::addColumn<int>("splitMode");
-        QTest::addColumn<QString>("outcome"); // the error ("..." ends a prefix), else "dest@via"
+        QTest::addColumn<QString>(
+            "outcome"); // the error ("..." ends a prefix), else "dest@via ..."
         const QString refused = "Не удалось применить WireGuard/AWG-конфигурацию";
         const QString noInterface = "Не удалось создать VPN-интерфейс: ";
+        const QString socketError = "route: writing to routing socket: simulated failure";
         const auto row = [](const char *name, const char *tunnel, const char *fault,
-                            const char *planted, const char *endpoint, int mode,
+                            const char *planted, const char *change, int mode,
                             const QString &outcome) {
-            QTest::newRow(name) << tunnel << fault << planted << endpoint << mode << outcome;
+            QTest::newRow(name) << tunnel << fault << planted << change << mode << outcome;
         };
         // clang-format off
-        row("tunnel missing", "missing", "", "", "203.0.113.5", 0, "Не найден amneziawg-go рядом с приложением");
-        row("not executable", "not executable", "", "", "203.0.113.5", 0, "Не найден amneziawg-go рядом с приложением");
-        row("operation not permitted", "eperm", "", "", "203.0.113.5", 0, noInterface + "amneziawg-go не может создать utun-интерфейс без прав администратора. Нужен привилегированный daemon/helper.");
-        row("never names interface", "noname", "", "", "203.0.113.5", 0, noInterface + "не удалось получить имя utun-интерфейса");
-        row("names Wi-Fi as its interface", "name=en0", "", "", "203.0.113.5", 0, noInterface + "...");
-        row("errno 1", "errno=1", "", "", "203.0.113.5", 0, refused);
-        row("no reply", "no-reply", "", "", "203.0.113.5", 0, refused);
-        row("ifconfig fails", "", "fail:ifconfig utun2 inet 10.8.1.2", "", "203.0.113.5", 0, "Не удалось настроить IPv4 интерфейса: ifconfig: simulated failure");
-        row("tool hangs", "", "hang:ifconfig utun2 inet 10.8.1.2", "", "203.0.113.5", 0, "Не удалось настроить IPv4 интерфейса: Process crashed"); // killed after its time-out
-        row("server route fails", "", "fail:route -n add -host 203.0.113.5", "", "203.0.113.5", 0, "Не удалось добавить маршрут до сервера: route: simulated failure");
-        row("IPv4 half fails", "", "fail:route -n add -net 128.0.0.0/1", "", "203.0.113.5", 0, "Не удалось добавить IPv4 маршрут: route: simulated failure");
-        row("split route fails", "", "fail:route -n add -host 10.1.2.3", "", "203.0.113.5", 1, "Не удалось добавить маршрут раздельного туннелирования: route: simulated failure");
-        row("exclusion fails", "", "fail:route -n add -host 10.1.2.3", "", "203.0.113.5", 2, "Не удалось добавить исключение раздельного туннелирования: route: simulated failure");
-        row("a static route to the endpoint", "", "", "inet 203.0.113.5 -host 192.168.1.254 en0", "203.0.113.5", 0, "Не удалось добавить маршрут до сервера: route: writing to routing socket: File exists");
+        row("tunnel missing", "missing", "", "", "", 0, "Не найден amneziawg-go рядом с приложением");
+        row("not executable", "not executable", "", "", "", 0, "Не найден amneziawg-go рядом с приложением");
+        row("operation not permitted", "eperm", "", "", "", 0, noInterface + "amneziawg-go не может создать utun-интерфейс без прав администратора. Нужен привилегированный daemon/helper.");
+        row("never names interface", "noname", "", "", "", 0, noInterface + "не удалось получить имя utun-интерфейса");
+        row("names Wi-Fi as its interface", "name=en0", "", "", "", 0, noInterface + "...");
+        row("built for another socket directory", "socket-dir=/var/run/wireguard", "", "", "", 0, noInterface + "amneziawg-go не открыл сокет настройки /var/run/tarvex-amneziawg/utun2.sock; он должен быть собран с каталогом сокетов /var/run/tarvex-amneziawg");
+        row("errno 1", "errno=1", "", "", "", 0, refused);
+        row("no reply", "no-reply", "", "", "", 0, refused);
+        row("ifconfig fails", "", "fail:ifconfig utun2 inet 10.8.1.2", "", "", 0, "Не удалось настроить IPv4 интерфейса: ifconfig: simulated failure");
+        row("tool hangs", "", "hang:ifconfig utun2 inet 10.8.1.2", "", "", 0, "Не удалось настроить IPv4 интерфейса: Process crashed"); // killed after its time-out
+        row("server route refused", "", "fail:route -n add -host 203.0.113.5", "", "", 0, "Не удалось добавить маршрут до сервера: " + socketError);
+        row("IPv4 half refused", "", "fail:route -n add -net 128.0.0.0/1", "", "", 0, "Не удалось добавить IPv4 маршрут: " + socketError);
+        row("IPv6 range refused", "", "fail:route -n add -inet6 -net fd00::/8", "", R"({"allowed_ips": ["fd00::/8"]})", 0, "Не удалось добавить IPv6 маршрут: " + socketError);
+        row("split route refused", "", "fail:route -n add -host 10.1.2.3", "", "", 1, "Не удалось добавить маршрут раздельного туннелирования: " + socketError);
+        row("exclusion refused", "", "fail:route -n add -host 10.1.2.3", "", "", 2, "Не удалось добавить исключение раздельного туннелирования: " + socketError);
+        row("a static route to the endpoint", "", "", "inet 203.0.113.5 -host 192.168.1.254 en0", "", 0, "Не удалось добавить маршрут до сервера: route: writing to routing socket: File exists");
+        row("another VPN's IPv4 half", "", "", "inet 128.0.0.0/1 -net utun1 utun1", "", 0, "Не удалось добавить IPv4 маршрут: route: writing to routing socket: File exists");
         // Tolerated: the connect goes on.
-        row("no DNS tool", "", "fail:networksetup", "", "203.0.113.5", 0, "0.0.0.0/1@utun2");
+        row("no DNS tool", "", "fail:networksetup", "", "", 0, "0.0.0.0/1@utun2");
         // Unreadable, its servers could not be put back: they are left alone.
-        row("one service's DNS unreadable", "", "fail:networksetup -getdnsservers Wi-Fi", "", "203.0.113.5", 0, "0.0.0.0/1@utun2");
-        row("IPv6 half refused", "", "fail:route -n add -inet6 -net ::/1", "", "203.0.113.5", 0, "0.0.0.0/1@utun2");
-        row("tunnel ignores SIGTERM", "ignore-term", "", "", "203.0.113.5", 0, "0.0.0.0/1@utun2"); // killed after 5 s
-        row("another VPN's IPv6 half", "", "", "inet6 ::/1 -net utun1 utun1", "203.0.113.5", 0, "8000::/1@utun2");
+        row("one service's DNS unreadable", "", "fail:networksetup -getdnsservers Wi-Fi", "", "", 0, "0.0.0.0/1@utun2");
+        row("IPv6 half refused", "", "fail:route -n add -inet6 -net ::/1", "", "", 0, "0.0.0.0/1@utun2");
+        row("tunnel ignores SIGTERM", "ignore-term", "", "", "", 0, "0.0.0.0/1@utun2"); // killed after 5 s
+        row("another VPN's IPv6 half", "", "", "inet6 ::/1 -net utun1 utun1", "", 0, "8000::/1@utun2");
         // In brackets for the tunnel program, by the IPv6 default route.
-        row("IPv6 endpoint", "", "", "", "2001:db8::5", 0, "2001:db8::5@fe80::1%en0");
+        row("IPv6 endpoint", "", "", "", R"({"hostName": "2001:db8::5"})", 0, "2001:db8::5@fe80::1%en0");
+        // Each range by its own family, whatever it begins with.
+        row("ranges of both families", "", "", "", R"({"allowed_ips": ["10.0.0.0/8", "2001:db8::/32", "fd00::/8", "::/0"]})", 0, "10.0.0.0/8@utun2 ::/1@utun2 8000::/1@utun2");
+        row("IPv6 ranges only", "", "", "", R"({"allowed_ips": ["2001:db8::/32", "fd00::/8"]})", 0, "2001:db8::/32@utun2 fd00::/8@utun2");
         // clang-format on
     }
 
@@ -218,7 +236,7 @@ private Q_SLOTS:
         QFETCH(QString, tunnel);
         QFETCH(QString, fault);
         QFETCH(QString, planted);
-        QFETCH(QString, endpoint);
+        QFETCH(QString, change);
         QFETCH(int, splitMode);
         QFETCH(QString, outcome);
         SystemHost host;
@@ -232,12 +250,16 @@ private Q_SLOTS:
         QVERIFY(host.startDaemon(tunnel));
         const QByteArray before = host.stateBytes();
         host.setFaults({fault});
-        ParsedVpnConfig config = clientConfig({{"hostName", endpoint}});
-        config.hostName = endpoint;
+        const QJsonObject overrides = QJsonDocument::fromJson(change.toUtf8()).object();
+        ParsedVpnConfig config = clientConfig(overrides);
+        config.hostName = overrides.value("hostName").toString(config.hostName);
         const QJsonObject answer = host.request(connectRequest(config, splitMode, {"10.1.2.3"}));
         if (outcome.contains('@')) {
             QCOMPARE(answer["status"], "connected");
-            QVERIFY(hasRoute(host.state(), outcome.section('@', 0, 0), outcome.section('@', 1)));
+            for (const QString &expected : outcome.split(' '))
+                QVERIFY2(
+                    hasRoute(host.state(), expected.section('@', 0, 0), expected.section('@', 1)),
+                    qPrintable(expected));
             QCOMPARE(dnsOf(host.state(), "Wi-Fi"),
                      fault.contains("networksetup") ? "192.168.1.1" : Vpn);
         } else {
@@ -250,7 +272,7 @@ private Q_SLOTS:
             QVERIFY(!host.hostsFile().contains("TARVEX"));
             QCOMPARE(host.request(StatusRequest), reply(true, "error", error));
         }
-        // A disconnect clears an error and cleans up again.
+        // A disconnect clears an error and cleans up again; others' routes stay.
         QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
         QCOMPARE(host.stateBytes(), before);
     }
@@ -274,31 +296,63 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
     }
 
-    // The Mac loses its network, then joins another one and gets a cable
-    // plugged in, all while connected; the monitor, killed, is started again.
+    // While the Mac's routing socket carries its usual noise the connected
+    // service sits idle. Then the Mac's network changes under it: a default
+    // route into our own tunnel, no network at all, another network with a
+    // cable plugged in, the same router by another interface (which takes
+    // our routes with the old one), a link flap that takes them on the same
+    // one; the monitor, killed, is started again. Killed after all that,
+    // the service is restarted and undoes exactly what it did.
     void followsChangesOfNetwork()
     {
         REQUIRE_SANDBOX();
         SystemHost host;
         QVERIFY(host.startWithTunnel());
-        const auto changeNetwork = [](QJsonObject state, bool gone) {
+        // Our routes around the tunnel all go by the gateway through the interface.
+        const auto ours = [](const QJsonObject &state, const QString &gateway, const char *via) {
+            int count = 0;
+            for (const char *moved : {"203.0.113.5", "198.51.100.10", "203.0.113.0/24"})
+                count += hasRoute(state, moved, gateway, via);
+            return count == 3;
+        };
+        // The default route, and with it the links, routes and services.
+        const auto network = [](QJsonObject state, const QString &defaultRoute, bool dropOurs) {
             QJsonArray routes, services = state["services"].toArray();
             for (const QJsonValue &route : state["routes"].toArray()) {
-                if (route["destination"] != "default" || route["family"] != "inet")
+                const bool ourLink =
+                    route["interface"] == "en5" && route["destination"] != "10.0.0.0/24";
+                if ((route["destination"] != "default" || route["family"] != "inet") &&
+                    !(dropOurs && ourLink))
                     routes.append(route);
             }
-            if (!gone) {
-                routes.append(route("inet default -net 10.0.0.1 en5"));
+            QJsonObject interfaces = state["interfaces"].toObject();
+            if (!defaultRoute.isEmpty())
+                routes.append(route(defaultRoute));
+            if (defaultRoute.contains("en5") && !interfaces.contains("en5")) {
+                interfaces.insert("en5", QJsonObject{{"inet", "10.0.0.2"}, {"up", true}});
+                interfaces.insert("en6", QJsonObject{{"inet", "10.0.0.3"}, {"up", true}});
                 services.append(QJsonObject{
                     {"name", "USB LAN"}, {"enabled", true}, {"dns", QJsonArray{"10.0.0.53"}}});
             }
             state.insert("routes", routes);
+            state.insert("interfaces", interfaces);
             state.insert("services", services);
             return state;
         };
-        const QJsonObject elsewhere = changeNetwork(host.state(), false);
+        const QJsonObject elsewhere =
+            network(host.state(), "inet default -net 10.0.0.1 en5", false);
         QCOMPARE(host.request(connectRequest(clientConfig(), 2, {"203.0.113.0/24"}))["status"],
                  "connected");
+
+        QTest::qWait(1500); // the monitor's first look
+        const qsizetype calls = host.calls().size(), logged = host.daemonLog().size();
+        const qint64 cpu = host.cpuMs();
+        QTest::qWait(10000);
+        std::printf("connected for 10 s beside the routing socket's noise: %lld ms of CPU\n",
+                    qlonglong(host.cpuMs() - cpu));
+        QCOMPARE(host.calls().size(), calls);
+        QCOMPARE(host.daemonLog().size(), logged);
+        QVERIFY(host.cpuMs() - cpu < 200);
 
         bool killed = false; // not in QTRY, which asks more than once
         for (int tries = 0; tries < 100 && !killed; ++tries, QTest::qWait(50))
@@ -307,17 +361,31 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(
             host.daemonLog().contains("route monitor exited; starting it again"), 15000);
         QTest::qWait(1500);
-        host.writeState(changeNetwork(host.state(), true));
-        QTRY_VERIFY_WITH_TIMEOUT(host.daemonLog().contains("routes kept"), 15000);
-        QVERIFY(hasRoute(host.state(), "203.0.113.5", "192.168.1.1"));
+        host.writeState(network(host.state(), "inet default -net 10.8.1.1 utun2", false));
+        QTRY_VERIFY_WITH_TIMEOUT(host.daemonLog().contains("routes kept"), 5000);
+        host.writeState(network(host.state(), "", false));
+        QTest::qWait(1000);
+        QVERIFY(ours(host.state(), "192.168.1.1", "en0"));
 
-        host.writeState(changeNetwork(host.state(), false));
-        for (const char *moved : {"203.0.113.5", "198.51.100.10", "203.0.113.0/24"})
-            QTRY_VERIFY2_WITH_TIMEOUT(hasRoute(host.state(), moved, "10.0.0.1"), moved, 15000);
-        QTRY_COMPARE_WITH_TIMEOUT(dnsOf(host.state(), "USB LAN"), Vpn, 15000);
+        QElapsedTimer moving;
+        moving.start();
+        host.writeState(network(host.state(), "inet default -net 10.0.0.1 en5", false));
+        QTRY_VERIFY_WITH_TIMEOUT(ours(host.state(), "10.0.0.1", "en5"), 5000);
+        std::printf("gateway change: routes moved after %lld ms\n", qlonglong(moving.elapsed()));
+        QVERIFY(moving.elapsed() < MaxMoveMs);
+        QTRY_COMPARE_WITH_TIMEOUT(dnsOf(host.state(), "USB LAN"), Vpn, 5000);
         QVERIFY(host.daemonLog().contains(
-            "[MacVpnBackend] default gateway changed \"192.168.1.1\" -> \"10.0.0.1\""));
-        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+            "[MacVpnBackend] default gateway changed \"192.168.1.1\" -> \"10.0.0.1\" on \"en5\""));
+        host.writeState(network(host.state(), "inet default -net 10.0.0.1 en6", true));
+        QTRY_VERIFY_WITH_TIMEOUT(ours(host.state(), "10.0.0.1", "en6"), 5000);
+        host.writeState(network(host.state(), "inet default -net 10.0.0.1 en5", false));
+        QTRY_VERIFY_WITH_TIMEOUT(ours(host.state(), "10.0.0.1", "en5"), 5000);
+        host.writeState(network(host.state(), "inet default -net 10.0.0.1 en5", true));
+        QTRY_VERIFY_WITH_TIMEOUT(ours(host.state(), "10.0.0.1", "en5"), 5000);
+
+        ::kill(pid_t(host.daemon().processId()), SIGKILL);
+        QVERIFY(host.daemon().waitForFinished(5000));
+        QVERIFY(host.startDaemon());
         QCOMPARE(host.stateBytes(), QJsonDocument(elsewhere).toJson());
     }
 

@@ -82,6 +82,24 @@ private Q_SLOTS:
                     qlonglong(killPoints));
     }
 
+    // Killed while connected, its tunnel program left running: the next start
+    // finds our routes into the utun still there and deletes them itself,
+    // rather than relying on the kernel dropping them with the utun.
+    void removesLeftoverRoutesAtStart()
+    {
+        REQUIRE_SANDBOX();
+        start();
+        QCOMPARE(host->request(Everything)["status"], "connected");
+        ::kill(pid_t(host->daemon().processId()), SIGKILL);
+        QVERIFY(host->daemon().waitForFinished(10000));
+        const qsizetype first = host->calls().size();
+        QVERIFY(restored());
+        const QList<QStringList> calls = host->calls().mid(first);
+        for (const QString &half : {"-net 0.0.0.0/1", "-net 128.0.0.0/1", "-inet6 -net ::/1"})
+            QVERIFY2(calls.contains(QStringList{"route", "-n", "delete"} + half.split(' ')),
+                     qPrintable(half));
+    }
+
     // Routes and the utun are gone after a restart of the machine; DNS
     // settings and /etc/hosts are not.
     void machineRestartedWhileConnected()
