@@ -1,7 +1,9 @@
 #include "client/ServiceClient.h"
 
+#include "protocol/PeerCredentials.h"
 #include "protocol/VpnServiceProtocol.h"
 
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QLocalSocket>
 
@@ -12,6 +14,14 @@ ServiceReply exchangeWithService(const QJsonObject &request, int timeoutMs)
     socket.connectToServer(VpnServiceProtocol::socketPath());
     if (!socket.waitForConnected(3000)) {
         reply.failure = socket.errorString();
+        return reply;
+    }
+    if (PeerCredentials::uid(socket.socketDescriptor()).value_or(uid_t(-1)) != 0) {
+        reply.genuine = false;
+        reply.failure =
+            QCoreApplication::translate(
+                "ServiceClient", "Служба VPN не запущена или подменена: сокет %1 держит не она")
+                .arg(VpnServiceProtocol::socketPath());
         return reply;
     }
     socket.write(VpnServiceProtocol::encodeMessage(request));

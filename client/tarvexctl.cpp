@@ -13,6 +13,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTextStream>
+#include <QThread>
 
 #include <cstdio>
 #include <future>
@@ -25,6 +26,8 @@ enum ExitCode { Ok = 0, Refused = 1, Unreachable = 2, Usage = 64 };
 // A full connect can spend several time-outs of the service back to back.
 constexpr int ConnectTimeoutMs = 120000;
 constexpr int ShortTimeoutMs = 30000;
+// How long a restarted service may take to undo what its last run left.
+constexpr int RecoveryWaitMs = 60000;
 
 const char *const MainHelp =
     "Usage: tarvexctl [--json] COMMAND [ARGS]\n"
@@ -170,6 +173,10 @@ void printDetails(const QJsonObject &details)
 
 int report(const ServiceReply &reply, bool json)
 {
+    if (!reply.genuine) {
+        err() << reply.failure << '\n';
+        return Unreachable;
+    }
     if (!reply.reached) {
         err() << "tarvexctl: the service is not reachable at " << VpnServiceProtocol::socketPath()
               << " (" << reply.failure << "). Is TarvexVpnService running?\n";
@@ -182,10 +189,22 @@ int report(const ServiceReply &reply, bool json)
     return reply.message.value(QLatin1String("ok")).toBool() ? Ok : Refused;
 }
 
-// Waits for the service on another thread so the terminal can show progress.
+// Waits for the service on another thread so the terminal can show progress;
+// a service that is still restoring the system after a restart is asked again.
 ServiceReply exchangeWithProgress(const QJsonObject &request, int timeoutMs, const char *label)
 {
-    auto pending = std::async(std::launch::async, exchangeWithService, request, timeoutMs);
+    const auto exchange = [request, timeoutMs] {
+        QElapsedTimer waited;
+        waited.start();
+        ServiceReply reply = exchangeWithService(request, timeoutMs);
+        while (reply.message.value(QLatin1String("recovering")).toBool() &&
+               waited.elapsed() < RecoveryWaitMs) {
+            QThread::msleep(500);
+            reply = exchangeWithService(request, timeoutMs);
+        }
+        return reply;
+    };
+    auto pending = std::async(std::launch::async, exchange);
     const bool terminal = ::isatty(STDERR_FILENO);
     QElapsedTimer clock;
     clock.start();

@@ -30,22 +30,26 @@ QString tooMany(const QString &field, int limit)
         .arg(limit);
 }
 
+// The whole text: a pattern anchored with '$' alone would let a final line
+// feed through, and with it whatever lines follow.
 bool matches(const char *pattern, const QString &text)
 {
-    return QRegularExpression(QLatin1String(pattern)).match(text).hasMatch();
+    return QRegularExpression(QRegularExpression::anchoredPattern(QLatin1String(pattern)))
+        .match(text)
+        .hasMatch();
 }
 
 bool inRange(const QString &text, quint64 low, quint64 high)
 {
     bool ok = false;
     const quint64 value = text.toULongLong(&ok, 10);
-    return matches("^[0-9]{1,10}$", text) && ok && value >= low && value <= high;
+    return matches("[0-9]{1,10}", text) && ok && value >= low && value <= high;
 }
 
 // A WireGuard key: 32 bytes in standard Base64.
 bool isKey(const QString &text)
 {
-    return matches("^[A-Za-z0-9+/]{43}=$", text) &&
+    return matches("[A-Za-z0-9+/]{43}=", text) &&
            QByteArray::fromBase64(text.toLatin1()).size() == 32;
 }
 
@@ -67,6 +71,12 @@ bool isHeader(const QString &text)
            inRange(bounds[1], 0, 0xffffffffu) && bounds[0].toULongLong() <= bounds[1].toULongLong();
 }
 
+// Packet templates are free text, but printable and on one line.
+bool isPacketTemplate(const QString &text)
+{
+    return matches("[\\x20-\\x7e]{1,4096}", text);
+}
+
 QString amneziaProblem(const QJsonObject &client)
 {
     struct Rule
@@ -86,12 +96,11 @@ QString amneziaProblem(const QJsonObject &client)
         {"H2", isHeader},
         {"H3", isHeader},
         {"H4", isHeader},
-        // Packet templates are free text, but printable and on one line.
-        {"I1", [](const QString &t) { return matches("^[\\x20-\\x7e]{1,4096}$", t); }},
-        {"I2", [](const QString &t) { return matches("^[\\x20-\\x7e]{1,4096}$", t); }},
-        {"I3", [](const QString &t) { return matches("^[\\x20-\\x7e]{1,4096}$", t); }},
-        {"I4", [](const QString &t) { return matches("^[\\x20-\\x7e]{1,4096}$", t); }},
-        {"I5", [](const QString &t) { return matches("^[\\x20-\\x7e]{1,4096}$", t); }},
+        {"I1", isPacketTemplate},
+        {"I2", isPacketTemplate},
+        {"I3", isPacketTemplate},
+        {"I4", isPacketTemplate},
+        {"I5", isPacketTemplate},
     };
     // Only non-empty strings reach the tunnel program; anything else is left out.
     for (const Rule &rule : rules) {
@@ -150,9 +159,8 @@ QString clientProblem(const ParsedVpnConfig &config)
     if (ranges.size() > MaxAllowedIps)
         return tooMany(QStringLiteral("allowed_ips"), MaxAllowedIps);
     for (const QJsonValue &range : ranges) {
-        const QString text = range.toString().trimmed();
-        if (!range.isString() ||
-            (!text.isEmpty() && !NetworkText::isIpv4Route(text) && !NetworkText::isIpv6Route(text)))
+        const QString text = range.toString();
+        if (!range.isString() || (!text.isEmpty() && !NetworkText::isRange(text)))
             return invalid(QStringLiteral("allowed_ips"));
     }
     return amneziaProblem(client);
@@ -172,14 +180,11 @@ QString splitTunnelProblem(const QVariantMap &peer)
         if (entries[i].typeId() != QMetaType::QVariantMap)
             return invalid(field);
         const QVariantMap entry = entries[i].toMap();
-        const QString value = entry.value(QStringLiteral("value")).toString().trimmed();
-        const QString ip = entry.value(QStringLiteral("ip")).toString().trimmed();
-        const auto isRoute = [](const QString &t) {
-            return NetworkText::isIpv4Route(t) || NetworkText::isIpv6Route(t);
-        };
-        if (!isRoute(value) && !NetworkText::isHostName(value))
+        const QString value = entry.value(QStringLiteral("value")).toString();
+        const QString ip = entry.value(QStringLiteral("ip")).toString();
+        if (!NetworkText::isRange(value) && !NetworkText::isHostName(value))
             return invalid(field + QStringLiteral(".value"));
-        if (!ip.isEmpty() && !isRoute(ip))
+        if (!ip.isEmpty() && !NetworkText::isRange(ip))
             return invalid(field + QStringLiteral(".ip"));
     }
     return QString();

@@ -9,7 +9,10 @@
 
 namespace {
 
-constexpr auto ServiceSocketPath = QLatin1String("/private/tmp/corvel-client-service.sock");
+// In a directory only root may write to: anywhere any user may create files,
+// as in /private/tmp, a local user could bind the path first and have the
+// client hand it a connection's keys.
+constexpr auto ServiceSocketPath = QLatin1String("/var/run/tarvex/vpn-service.sock");
 
 // Parses the bytes before the first line feed; a valid document that is not an
 // object still fails, with the parser's own (success) description.

@@ -1,16 +1,18 @@
 #include "service/MacVpnServiceServer.h"
 
 #include "backend/core/LogMasking.h"
+#include "backend/core/PrivateDirectory.h"
 #include "config/ConnectValidator.h"
+#include "protocol/PeerCredentials.h"
 #include "protocol/VpnServiceProtocol.h"
-#include "service/PeerCredentials.h"
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonParseError>
-#include <QLocalServer>
 #include <QLocalSocket>
 #include <QPointer>
 
@@ -18,7 +20,8 @@
 
 namespace {
 
-constexpr int StaleProbeTimeoutMs = 500;
+// Others reach the socket through it, and only root writes to it.
+constexpr mode_t SocketDirectoryMode = 0755;
 // Any local user may write to the socket; nobody may make a root process
 // buffer without bound. Qt itself reads ahead no more than a chunk.
 constexpr qsizetype MaxRequestBytes = 1024 * 1024;
@@ -38,8 +41,10 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
                                          QObject *parent)
     : QObject(parent), path(std::move(socketPath)),
       access(environment.consoleOwner, environment.isAdministrator),
-      backend(std::move(environment)), clients(clientLog)
+      backend(std::move(environment)), clients(clientLog), recovery(backend)
 {
+    connect(&recovery, &StartupRecovery::finished, this,
+            [] { qInfo() << "[MacVpnServiceServer] ready"; });
     connect(&localServer, &ServiceListener::newConnection, this,
             &MacVpnServiceServer::handleNewConnection);
     // Unreachable, the service would go on holding the host for nobody:
@@ -56,25 +61,17 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
 
 bool MacVpnServiceServer::start()
 {
-    QLocalServer::removeServer(path);
-    // Whatever an earlier run left on the host is undone before any client
-    // can ask for something new.
-    if (!backend.recoverHostChanges()) {
-        qWarning() << "[MacVpnServiceServer] listen failed" << path << "host journal unavailable";
+    // Root's own: nobody else may create the socket, or anything in its place.
+    QString error;
+    if (!PrivateDirectory::ensure(QFileInfo(path).absolutePath(), &error, SocketDirectoryMode)) {
+        qWarning() << "[MacVpnServiceServer] listen failed" << path << error;
         return false;
     }
-    bool listening = localServer.listen(path);
-    if (!listening && localServer.isAddressInUse()) {
-        QLocalSocket probe;
-        probe.connectToServer(path, QIODevice::ReadWrite);
-        if (!probe.waitForConnected(StaleProbeTimeoutMs)) {
-            qWarning() << "[MacVpnServiceServer] stale socket detected" << path
-                       << probe.errorString();
-            QFile::remove(path);
-            listening = localServer.listen(path);
-        }
-    }
-    if (!listening) {
+    // Whatever is at the path is a crashed run's or an older instance's,
+    // which then ends: the path is taken over.
+    if (!QFile::remove(path))
+        QDir(path).removeRecursively();
+    if (!localServer.listen(path)) {
         qWarning() << "[MacVpnServiceServer] listen failed" << path << localServer.errorString();
         return false;
     }
@@ -84,6 +81,9 @@ bool MacVpnServiceServer::start()
     if (euid != 0)
         qWarning()
             << "[MacVpnServiceServer] service is not running as root; utun creation may fail";
+    // Whatever an earlier run left on the host is undone before any client
+    // can ask for something new; status is answered meanwhile.
+    recovery.start();
     return true;
 }
 
@@ -159,6 +159,21 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
     if (command == QLatin1String("status"))
         return statusResponse(true, QString(), caller);
 
+    // The backend belongs to the recovery until it has finished.
+    const bool commanding =
+        command == QLatin1String("connect") || command == QLatin1String("disconnect");
+    if (recovery.inProgress() && (commanding || command == QLatin1String("details"))) {
+        if (!commanding)
+            return statusResponse(true, QString(), caller);
+        QJsonObject response = statusResponse(
+            false,
+            tr("Служба VPN ещё восстанавливает настройки системы после прошлого запуска; "
+               "повторите через несколько секунд"),
+            caller);
+        response.insert(QStringLiteral("recovering"), true);
+        return response;
+    }
+
     // How the tunnel is doing, for anyone: no keys, no connection string.
     if (command == QLatin1String("details")) {
         QJsonObject response = statusResponse(true, QString(), caller);
@@ -170,8 +185,6 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
         return response;
     }
 
-    const bool commanding =
-        command == QLatin1String("connect") || command == QLatin1String("disconnect");
     if (commanding && !access.mayCommand(caller)) {
         if (clientLog.allow())
             qWarning() << "[MacVpnServiceServer] command refused" << command << "uid=" << caller;

@@ -5,6 +5,7 @@
 #include "service/ClientConnections.h"
 #include "service/LogBudget.h"
 #include "service/ServiceListener.h"
+#include "service/StartupRecovery.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -44,4 +45,5 @@ private:
     uid_t lastPeerOwner = 0; // who made the connect whose settings lastPeer holds
     LogBudget clientLog;
     ClientConnections clients;
+    StartupRecovery recovery; // before the backend goes, its thread has ended
 };

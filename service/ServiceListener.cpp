@@ -51,7 +51,6 @@ ServiceListener::~ServiceListener()
 bool ServiceListener::listen(const QString &socketPath)
 {
     close();
-    addressInUse = false;
     const QByteArray encoded = QFile::encodeName(socketPath);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -75,7 +74,6 @@ bool ServiceListener::listen(const QString &socketPath)
     if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         ::chmod(encoded.constData(), 0666) != 0 || ::listen(fd, ListenBacklog) != 0 ||
         ::lstat(encoded.constData(), &info) != 0) {
-        addressInUse = errno == EADDRINUSE;
         error = systemError();
         ::close(fd);
         fd = -1;

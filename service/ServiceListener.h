@@ -29,7 +29,6 @@ public:
     // out: whether there is room for one more (making room if it can). Without
     // room, connections wait in the kernel's queue and are tried again shortly.
     void setAdmission(std::function<bool()> roomForOneMore, std::function<bool()> makeRoom);
-    bool isAddressInUse() const { return addressInUse; }
     QString errorString() const { return error; }
     QLocalSocket *nextPendingConnection();
 
@@ -48,7 +47,6 @@ private:
     int fd = -1;
     dev_t device = 0;
     ino_t inode = 0;
-    bool addressInUse = false;
     QString error;
     std::unique_ptr<QSocketNotifier> notifier;
     QFileSystemWatcher watcher;

@@ -11,11 +11,11 @@
 
 namespace PrivateDirectory {
 
-bool ensure(const QString &path, QString *error)
+bool ensure(const QString &path, QString *error, mode_t mode)
 {
     const QByteArray encoded = QFile::encodeName(path);
     QDir().mkpath(QFileInfo(path).absolutePath());
-    if (::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(encoded.constData(), mode) != 0 && errno != EEXIST) {
         *error = QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }
@@ -25,7 +25,8 @@ bool ensure(const QString &path, QString *error)
         *error = QStringLiteral("%1: not a directory of this service's own").arg(path);
         return false;
     }
-    if ((info.st_mode & 0077) != 0 && ::chmod(encoded.constData(), 0700) != 0) {
+    // Exactly the mode, whatever the umask made of it.
+    if ((info.st_mode & 07777) != mode && ::chmod(encoded.constData(), mode) != 0) {
         *error = QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }

@@ -100,8 +100,9 @@ public:
     bool fixedCeiling = false;
 
     // Starts the daemon, the tunnel stand-in's faults in its environment, and
-    // waits until its socket answers.
-    bool startDaemon(const QString &tunnelFaults = QString())
+    // waits until it has undone what an earlier run left (or, not ready,
+    // until its socket answers).
+    bool startDaemon(const QString &tunnelFaults = QString(), bool ready = true)
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("MACSIM_STATE_DIR", StateDir);
@@ -118,15 +119,17 @@ public:
         process.setWorkingDirectory("/");
         process.setStandardOutputFile(logPath, QIODevice::Append);
         process.setStandardErrorFile(logPath, QIODevice::Append);
+        const qsizetype readyBefore = daemonLog().count("[MacVpnServiceServer] ready");
         process.start(QString(InstallDir) + "/TarvexVpnService", QStringList());
         if (!process.waitForStarted(5000))
             return false;
         QElapsedTimer clock;
         clock.start();
-        while (clock.elapsed() < 10000) {
+        while (clock.elapsed() < 30000) {
             QLocalSocket probe;
             probe.connectToServer(VpnServiceProtocol::socketPath());
-            if (probe.waitForConnected(100))
+            if (ready ? daemonLog().count("[MacVpnServiceServer] ready") > readyBefore
+                      : probe.waitForConnected(100))
                 return true;
             if (process.waitForFinished(20))
                 return false;

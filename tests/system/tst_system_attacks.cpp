@@ -114,25 +114,29 @@ private Q_SLOTS:
             ranges.append(QString("10.%1.%2.0/24").arg(i / 256).arg(i % 256));
         }
         // clang-format off
-        row("line feed in Jc", last("Jc", "4\nlisten_port=1"), invalid("Jc"));
-        row("line feed in keep-alive", last("persistent_keep_alive", "25\nallowed_ip=0.0.0.0/0"), invalid("persistent_keep_alive"));
+        row("final line feed in Jc", last("Jc", "4\n"), invalid("Jc"));
+        row("line feed and a line after I1", last("I1", "<b 0x01>\nlisten_port=1"), invalid("I1"));
         row("line feed in allowed_ips", last("allowed_ips", QJsonArray{"10.0.0.0/8\nremove=true"}), invalid("allowed_ips"));
+        row("a second slash in allowed_ips", last("allowed_ips", QJsonArray{"10.0.0.0/8/\nremove=true"}), invalid("allowed_ips"));
         row("allowed_ips prefix 33", last("allowed_ips", QJsonArray{"10.0.0.0/33"}), invalid("allowed_ips"));
         row("line feed in the endpoint", record("hostName", "203.0.113.5\nset=1"), invalid("hostName"));
+        row("lines in an IPv6 scope of the endpoint", record("hostName", "2001:db8::5%\nset=1\nreplace_peers=true"), invalid("hostName"));
+        row("NUL after the endpoint", record("hostName", QString("203.0.113.5") + QChar(0)), invalid("hostName"));
         row("endpoint \"default\"", record("hostName", "default"), invalid("hostName"));
         row("port 1e20", last("port", 1e20), invalid("port"));
         row("no port", last("port", QJsonValue::Null), "В конфигурации нет port");
         row("config that is an array", {{"config", QJsonArray{1, 2}}}, "В конфигурации нет client_priv_key");
         row("client_ip an option", last("client_ip", "-alias"), invalid("client_ip"));
-        row("mtu an option", last("mtu", "-arp"), invalid("mtu"));
-        row("mtu with a word after it", last("mtu", "1380 up"), invalid("mtu"));
+        row("mtu below the floor", last("mtu", "575"), invalid("mtu"));
         row("dns1 an option", record("dns1", "-setv6off"), invalid("dns1"));
+        row("dns1 with a scope", record("dns1", "fe80::1%en0"), invalid("dns1"));
         row("line feed in dns2", record("dns2", "1.1.1.1\n8.8.8.8"), invalid("dns2"));
         row("short private key", last("client_priv_key", "AAAA"), invalid("client_priv_key"));
         row("preshared key of 31 bytes", last("psk_key", QString(40, 'A') + "AA="), invalid("psk_key"));
         row("header range upside down", last("H1", "5-1"), invalid("H1"));
         row("control character in I1", last("I1", "<b 0x01>\x01"), invalid("I1"));
         row("split destination an option", {{"splitTunnel", splitOf({QJsonObject{{"value", "-host"}}})}}, invalid("splitTunnel.entries[0].value"));
+        row("split range of two prefixes", {{"splitTunnel", splitOf({QJsonObject{{"value", "1.2.3.4/8/9"}}})}}, invalid("splitTunnel.entries[0].value"));
         row("split prefix 129", {{"splitTunnel", splitOf({QJsonObject{{"value", "2001:db8::/129"}}})}}, invalid("splitTunnel.entries[0].value"));
         row("split range without a prefix", {{"splitTunnel", splitOf({QJsonObject{{"value", "10.0.0.0/"}}})}}, invalid("splitTunnel.entries[0].value"));
         row("split entry not an object", {{"splitTunnel", splitOf({"10.0.0.0/8"})}}, invalid("splitTunnel.entries[0]"));

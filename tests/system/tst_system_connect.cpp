@@ -389,6 +389,33 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), QJsonDocument(elsewhere).toJson());
     }
 
+    // An IPv6 server follows the IPv6 default route, which on an IPv6-only
+    // network may change while the IPv4 one never does.
+    void ipv6ServerFollowsIpv6DefaultRoute()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        const auto moved = [](QJsonObject state) {
+            QJsonArray routes = {route("inet6 default -net fe80::2%en5 en5")};
+            for (const QJsonValue &route : state["routes"].toArray()) {
+                if (route["destination"] != "default" || route["family"] != "inet6")
+                    routes.append(route);
+            }
+            state.insert("routes", routes);
+            return state;
+        };
+        const QJsonObject elsewhere = moved(host.state());
+        ParsedVpnConfig config = clientConfig({{"hostName", "2001:db8::5"}});
+        config.hostName = "2001:db8::5";
+        QCOMPARE(host.request(connectRequest(config))["status"], "connected");
+        QTest::qWait(1000);
+        host.writeState(moved(host.state()));
+        QTRY_VERIFY_WITH_TIMEOUT(hasRoute(host.state(), "2001:db8::5", "fe80::2%en5", "en5"), 5000);
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stateBytes(), QJsonDocument(elsewhere).toJson());
+    }
+
     // While a connect waits for its interface other clients are served: a
     // status, a second connect refused, and then a disconnect and a connect
     // arriving together. The disconnect cancels the waiting connect, and that

@@ -3,6 +3,33 @@
 #include "Requests.h"
 #include "SystemHost.h"
 
+namespace {
+
+// Listens as another user at the paths given; whatever it hears goes to
+// /tmp/squatter.log.
+const char *const Squatter = R"(import socket, sys, threading
+def serve(path):
+    server = socket.socket(socket.AF_UNIX)
+    server.bind(path)
+    server.listen()
+    open(path + ".ready", "w").close()
+    while True:
+        client, _ = server.accept()
+        try:
+            heard = client.recv(65536)
+            if heard:
+                open("/tmp/squatter.log", "ab").write(heard)
+            client.sendall(b'{"error":"","ok":true,"status":"connected"}\n')
+        except OSError:
+            pass
+        client.close()
+for path in sys.argv[1:]:
+    threading.Thread(target=serve, args=(path,), daemon=True).start()
+threading.Event().wait()
+)";
+
+} // namespace
+
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonParseError>
@@ -62,18 +89,19 @@ private Q_SLOTS:
         QList<QByteArray> pieces = sent.size() < 1000 ? sent.split('|') : QList<QByteArray>{sent};
         QCOMPARE(shared->rawRequest(pieces, 10000), answer + "\n");
         QVERIFY(shared->daemonLog().contains(
-            "[MacVpnServiceServer] listening \"/private/tmp/corvel-client-service.sock\" euid= 0"));
+            "[MacVpnServiceServer] listening \"/var/run/tarvex/vpn-service.sock\" euid= 0"));
         QVERIFY(!shared->daemonLog().contains("not running as root"));
     }
 
-    // A socket file left by a crash is replaced, and the new one is 0666
-    // whatever the umask.
+    // A socket file left by a crash is replaced, and the new one is 0666 in
+    // a directory of root's that is 0755, whatever the umask.
     void replacesLeftoverSocket()
     {
         REQUIRE_SANDBOX();
         shared.reset();
         SystemHost host;
         const QByteArray path = QFile::encodeName(VpnServiceProtocol::socketPath());
+        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
         QCOMPARE(QProcess::execute("python3", {"-c",
                                                "import socket, sys\n"
                                                "socket.socket(socket.AF_UNIX).bind(sys.argv[1])",
@@ -86,7 +114,74 @@ private Q_SLOTS:
         struct stat info = {};
         QCOMPARE(::stat(path.constData(), &info), 0);
         QCOMPARE(info.st_mode & 0777, mode_t(0666));
-        QVERIFY(!host.daemonLog().contains("stale socket detected"));
+        QCOMPARE(::stat(QFile::encodeName(QFileInfo(path).path()).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, mode_t(0755));
+    }
+
+    // Only root's own service is ever handed a request. Another user may
+    // listen at the old path in /private/tmp, and nothing but root can put
+    // anything at the service's path: here root plants a link to another
+    // user's socket there while the service is down. tarvexctl sends it
+    // nothing, not even a status; once up, the service is the one that answers.
+    void noOneStandsInForTheService()
+    {
+        REQUIRE_SANDBOX();
+        shared.reset();
+        SystemHost host;
+        QProcess squatter;
+        squatter.start("setpriv",
+                       {"--reuid", "65534", "--regid", "65534", "--clear-groups",
+                        "/usr/bin/python3", "-c", Squatter,
+                        "/private/tmp/corvel-client-service.sock", "/tmp/squatter.sock"});
+        QTRY_VERIFY(QFileInfo::exists("/tmp/squatter.sock.ready"));
+        QVERIFY(QDir().mkpath(QFileInfo(VpnServiceProtocol::socketPath()).path()));
+        QVERIFY(QFile::link("/tmp/squatter.sock", VpnServiceProtocol::socketPath()));
+        const QString string = encodeConnectionString(awgDocument(clientConfig().lastConfig));
+        for (const QStringList &command : {QStringList{"connect", string}, QStringList{"status"}}) {
+            QProcess ctl;
+            ctl.start(SystemHost::binary("tarvexctl"), command);
+            QVERIFY(ctl.waitForFinished(30000));
+            QCOMPARE(ctl.exitCode(), 2);
+            const QByteArray said = ctl.readAllStandardError();
+            QVERIFY2(said.contains("Служба VPN не запущена или подменена"), said);
+        }
+        QVERIFY(host.startDaemon());
+        QProcess ctl;
+        ctl.start(SystemHost::binary("tarvexctl"), {"status"});
+        QVERIFY(ctl.waitForFinished(30000));
+        QCOMPARE(ctl.readAllStandardOutput(), "status: disconnected\n");
+        QVERIFY(!QFileInfo::exists("/tmp/squatter.log")); // not a byte reached it
+        squatter.kill();
+        squatter.waitForFinished();
+    }
+
+    // The service holds its path from its first moment: while it undoes
+    // what a crash left, which here takes a while, it answers status at once
+    // and refuses to connect until it is done.
+    void answersWhileItRecovers()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        QCOMPARE(host.request(connectRequest())["status"], "connected");
+        ::kill(pid_t(host.daemon().processId()), SIGKILL);
+        QVERIFY(host.daemon().waitForFinished(5000));
+        host.setFaults({"hang:route -n get -net 0.0.0.0/1"});
+        const qsizetype ready = host.daemonLog().count("[MacVpnServiceServer] ready");
+        QVERIFY(host.startDaemon(QString(), false));
+        QElapsedTimer answered;
+        answered.start();
+        QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
+        QVERIFY(answered.elapsed() < 1000);
+        QJsonObject refused = reply(false, "disconnected",
+                                    "Служба VPN ещё восстанавливает настройки системы после "
+                                    "прошлого запуска; повторите через несколько секунд");
+        refused.insert("recovering", true);
+        QCOMPARE(host.request(connectRequest()), refused);
+        QTRY_VERIFY_WITH_TIMEOUT(host.daemonLog().count("[MacVpnServiceServer] ready") > ready,
+                                 20000);
+        host.setFaults({});
+        QCOMPARE(host.request(connectRequest())["status"], "connected");
     }
 
     // Unreachable, the older instance ends rather than run on for nobody;
@@ -107,16 +202,27 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(VpnServiceProtocol::socketPath()));
     }
 
-    // A directory at the socket's path, taken for a stale socket first.
+    // A directory at the socket's path is cleared away; a file where the
+    // socket's directory belongs keeps the service from listening.
     void exitsWithOneWhenItCannotListen()
     {
         REQUIRE_SANDBOX();
+        shared.reset();
+        const QString directory = QFileInfo(VpnServiceProtocol::socketPath()).path();
+        QVERIFY(QDir().mkpath(VpnServiceProtocol::socketPath() + "/inside"));
+        {
+            SystemHost host;
+            QVERIFY(host.startDaemon());
+            QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
+        }
+        QDir(directory).removeRecursively();
+        QFile file(directory);
+        QVERIFY(file.open(QIODevice::WriteOnly));
         SystemHost host;
-        QVERIFY(QDir().mkpath(VpnServiceProtocol::socketPath()));
         QVERIFY(!host.startDaemon());
         QCOMPARE(host.daemon().exitCode(), 1);
         QVERIFY(host.daemonLog().contains("[MacVpnServiceServer] listen failed"));
-        QDir(VpnServiceProtocol::socketPath()).removeRecursively();
+        QFile::remove(directory);
     }
 
     void endsInOrderOnStopSignals_data()

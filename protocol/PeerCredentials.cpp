@@ -1,4 +1,4 @@
-#include "service/PeerCredentials.h"
+#include "protocol/PeerCredentials.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
