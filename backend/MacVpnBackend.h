@@ -8,12 +8,14 @@
 
 #include <QElapsedTimer>
 #include <QHash>
+#include <QHostAddress>
 #include <QHostInfo>
 #include <QList>
 #include <QMap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 #include <QVariantList>
 #include <QVariantMap>
 
@@ -61,8 +63,9 @@ public:
     void disconnectVpn() override;
     // While connected: the interface, the endpoint, how long the tunnel has
     // been up, and, asked of the tunnel program, the last handshake (seconds
-    // since the epoch, 0 for none) and the bytes received and sent. Nothing
-    // secret. False when the tunnel program did not answer.
+    // since the epoch, 0 for none) and the bytes received and sent; at any
+    // time, the undo steps still to be done. Nothing secret. False when not
+    // connected or the tunnel program did not answer.
     bool refreshStatus(QVariantMap *details) override;
     void cleanup();
     // True from the start of a connect until it has returned, also when a
@@ -71,7 +74,11 @@ public:
 
     // Takes the host journal over from any earlier run and undoes what it
     // records, newest first. False when another instance keeps the journal.
+    // Touches nothing the event loop shares: it may run on a thread of its
+    // own, and reportRecovery(), back on the event loop, then tells of any
+    // step that failed.
     bool recoverHostChanges();
+    void reportRecovery();
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
@@ -139,8 +146,8 @@ private:
     RoutingTable readRoutingTable(bool ipv6) const;
 
     // The journal of host changes (backend/core/JournalState.cpp).
-    QJsonObject journalState() const;
-    void adoptJournalState(const QJsonObject &state);
+    HostJournal::Records journalState() const;
+    void adoptJournalState(const HostJournal::Records &records);
     // Writes the bookkeeping to the journal; recordHostChange also fails the
     // connect with a message when it cannot, so that no change goes unrecorded.
     bool saveJournal(QString *error = nullptr);
@@ -148,10 +155,46 @@ private:
     bool routeStillInstalled(const RouteEntry &route) const;
     void stopRecordedTunnel();
 
-    // Names the connect needs (split-tunnel hosts, the control-plane host),
-    // looked up together under one deadline before the tunnel starts.
-    void resolveNames();
+    // Undo steps that failed (backend/core/PendingUndo.cpp): kept, each with
+    // its last error, until an attempt succeeds.
+    struct PendingRoute
+    {
+        RouteEntry route;
+        QString error;
+    };
+    struct PendingDns
+    {
+        QStringList servers;
+        QString error;
+    };
+    struct PendingUndo
+    {
+        QList<PendingRoute> routes;
+        QMap<QString, PendingDns> dns;
+        QString hostsBlock; // the error, while our block is still in the hosts file
+        bool isEmpty() const { return routes.isEmpty() && dns.isEmpty() && hostsBlock.isEmpty(); }
+    };
+    void retryPendingUndo();
+    // What is left, in the user's words; and for "details", each step with its error.
+    QString pendingUndoMessage() const;
+    QVariantList pendingUndoSteps() const;
+    void schedulePendingRetry(bool afresh);
+    void retryPendingWhileIdle();
+    // The primitives of the undo: empty when done, else the error.
+    QString setDnsServers(const QString &service, const QStringList &servers) const;
+    QString removeHostsBlock();
+    bool hostsNeedLineFeed() const;
+
+    // Names the connect needs (its endpoint, split-tunnel hosts, the
+    // control-plane host), looked up together under one deadline before the
+    // tunnel starts.
+    void resolveNames(const QString &endpoint);
     QHostInfo lookedUp(const QString &name) const;
+    // The one address the endpoint goes by; empty when its name has none.
+    QString endpointAddress(const QString &endpoint) const;
+    // What a resolver of the network the Mac is on may say a name that goes
+    // around the tunnel stands for (see BypassFilter).
+    QStringList addressesAroundTunnel(const QString &name) const;
 
     QString uapiSocketPath() const;
     // One exchange on the configuration socket without a log line: for the
@@ -167,7 +210,9 @@ private:
     void restoreMissingRoutes(bool ipv6, const RoutingTable &table);
     void configureDnsOnNewServices();
     QStringList enabledServices(const QString &listing) const;
-    void applyVpnDns(const QString &service, const QStringList &servers);
+    // Reads each service's servers and records them, with the hosts block,
+    // in one durable save; then pins the hosts and sets the servers.
+    void applyLastingChanges(const QStringList &services, const QStringList &servers);
 
     void watchTunnelProcess();
     void drainTunnelOutput();
@@ -189,16 +234,25 @@ private:
 
     // Bookkeeping the journal needs beyond the members above: the gateway the
     // bypass and exclusion routes point at, the one the server route points at
-    // (empty unless that route is ours), whether the hosts block is ours, and
-    // who the tunnel program is.
+    // (empty unless that route is ours), whether the hosts block is ours (and
+    // whether pinning added a line feed before it), and who the tunnel
+    // program is (recorded as a program before it starts, then by its pid).
     QString physicalGateway;
     QString physicalInterface;
     QString serverRouteGateway;
     QString serverRouteInterface;
     bool hostsPinned = false;
+    bool hostsAddedLineFeed = false;
+    QStringList hostsToPin;
+    // The tunnel's own addresses and DNS servers: never routed around it.
+    QList<QHostAddress> tunnelAddresses;
+    QString tunnelProgram;
     qint64 tunnelPid = 0;
     QString tunnelIdentity;
     HostJournal journal;
+    PendingUndo pendingUndo;
+    QTimer pendingRetry;
+    int pendingRetries = 0;
     bool stoppingTunnel = false;
     qint64 tunnelOutputLogged = 0;
     QHash<QString, QHostInfo> resolvedNames;
@@ -208,7 +262,7 @@ private:
     // The interface the tunnel program named, whether or not its
     // configuration socket then answered.
     QString namedInterface;
-    QElapsedTimer connectedClock;
+    QElapsedTimer tunnelClock; // since the tunnel program started
 
     // A connect re-enters the event loop while it waits for the interface
     // name; these let a disconnect arriving then cancel it cleanly.

@@ -13,7 +13,8 @@ class QLocalSocket;
 // Bounds what clients can make the service hold. A client has a few seconds
 // to deliver its request line and as many to take its reply. At most
 // MaxClients connections are held; for a newcomer beyond that, the one that
-// has waited longest without delivering its line is closed, and when none
+// has waited longest without completing its line is closed, whether or not
+// it has sent some bytes of it, and when none
 // can be, the newcomer waits in the kernel's queue. An honest client writes
 // its line at once, so it is never the one closed.
 class ClientConnections : public QObject

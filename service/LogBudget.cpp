@@ -2,20 +2,23 @@
 
 #include <QDebug>
 
-bool LogBudget::allow()
+bool LogBudget::allow(qint64 bytes)
 {
+    bytes += LineBytes;
     if (!window.isValid() || window.elapsed() >= 1000) {
-        if (suppressed > 0)
-            qWarning() << "[MacVpnServiceServer]" << suppressed
-                       << "log lines about clients left out";
+        if (suppressedLines > 0)
+            qWarning() << "[MacVpnServiceServer]" << suppressedLines << "log lines ("
+                       << suppressedBytes << "bytes) about clients left out";
         window.start();
         used = 0;
-        suppressed = 0;
+        suppressedLines = 0;
+        suppressedBytes = 0;
     }
-    if (used < LinesPerSecond) {
-        ++used;
+    if (used + bytes <= BytesPerSecond) {
+        used += bytes;
         return true;
     }
-    ++suppressed;
+    ++suppressedLines;
+    suppressedBytes += bytes;
     return false;
 }

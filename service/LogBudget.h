@@ -2,19 +2,23 @@
 
 #include <QElapsedTimer>
 
-// How many lines about clients the log takes per second. Any local user can
-// open connections by the thousand, and the log must not grow with them:
-// beyond the budget, lines are counted instead, and the count is logged once
-// the next second begins.
+// How much the log takes about clients per second, in bytes. Any local user
+// can open connections by the thousand and send a megabyte down each, and the
+// log, on the system volume where the journal lives too, must not grow with
+// them: beyond the budget, lines are counted instead, and the count is
+// logged once the next second begins.
 class LogBudget
 {
 public:
-    static constexpr int LinesPerSecond = 100;
+    static constexpr qint64 BytesPerSecond = 16 * 1024;
+    // What a line of a few words costs, besides its values.
+    static constexpr qint64 LineBytes = 64;
 
-    bool allow();
+    bool allow(qint64 bytes = 0);
 
 private:
     QElapsedTimer window;
-    int used = 0;
-    int suppressed = 0;
+    qint64 used = 0;
+    qint64 suppressedLines = 0;
+    qint64 suppressedBytes = 0;
 };

@@ -43,8 +43,10 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
       access(environment.consoleOwner, environment.isAdministrator),
       backend(std::move(environment)), clients(clientLog), recovery(backend)
 {
-    connect(&recovery, &StartupRecovery::finished, this,
-            [] { qInfo() << "[MacVpnServiceServer] ready"; });
+    connect(&recovery, &StartupRecovery::finished, this, [this] {
+        backend.reportRecovery();
+        qInfo() << "[MacVpnServiceServer] ready";
+    });
     connect(&localServer, &ServiceListener::newConnection, this,
             &MacVpnServiceServer::handleNewConnection);
     // Unreachable, the service would go on holding the host for nobody:
@@ -127,17 +129,22 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
         return;
     }
 
+    // A request is logged by its command and size, and no more than the
+    // beginning of its text: any local user can send a megabyte a time.
     const QByteArray line = buffer.left(lineEnd);
-    if (clientLog.allow())
-        qInfo().noquote() << "[MacVpnServiceServer] request =" << LogMasking::messageLine(line);
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    const QString excerpt = LogMasking::messageExcerpt(line);
+    if (clientLog.allow(excerpt.size()))
+        qInfo().noquote() << "[MacVpnServiceServer] request"
+                          << document.object().value(QLatin1String("command")).toString()
+                          << "bytes=" << line.size() << "=" << excerpt;
 
     // A connect may serve other clients while it waits for the tunnel; should
     // this client vanish meanwhile, its socket must outlive this call.
     disconnect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
     const QPointer<QLocalSocket> guard(socket);
 
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
     const QJsonObject response = parseError.error == QJsonParseError::NoError && document.isObject()
                                      ? handleRequest(document.object(), caller)
                                      : statusResponse(false, parseError.errorString(), caller);
@@ -153,8 +160,6 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
 QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t caller)
 {
     const QString command = request.value(QLatin1String("command")).toString();
-    if (clientLog.allow())
-        qInfo() << "[MacVpnServiceServer] command" << command;
 
     if (command == QLatin1String("status"))
         return statusResponse(true, QString(), caller);
@@ -191,10 +196,11 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
         return statusResponse(false, tr("Недостаточно прав для управления VPN"), caller);
     }
 
+    // An undo that failed is kept and tried again; the reply says what is left.
     if (command == QLatin1String("disconnect")) {
         backend.disconnectVpn();
         lastPeer = QJsonObject();
-        return statusResponse(true, QString(), caller);
+        return statusResponse(backend.status() != PlatformVpnBackend::Error, QString(), caller);
     }
 
     if (command == QLatin1String("connect")) {
@@ -243,9 +249,9 @@ QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error, u
 void MacVpnServiceServer::writeResponse(QLocalSocket *socket, const QJsonObject &response)
 {
     const QByteArray bytes = VpnServiceProtocol::encodeMessage(response);
-    if (clientLog.allow())
-        qInfo().noquote() << "[MacVpnServiceServer] response ="
-                          << LogMasking::messageLine(bytes.trimmed());
+    const QString excerpt = LogMasking::messageExcerpt(bytes.trimmed());
+    if (clientLog.allow(excerpt.size()))
+        qInfo().noquote() << "[MacVpnServiceServer] response =" << excerpt;
     socket->write(bytes);
     clients.replySent(socket);
     socket->disconnectFromServer();

@@ -1,8 +1,11 @@
 #include "backend/core/AtomicFile.h"
 
+#include <QDebug>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +40,11 @@ bool writeAll(int fd, const QByteArray &bytes)
 // On macOS fsync() leaves the data in the drive's cache, where a power cut
 // loses it; only F_FULLFSYNC reaches stable storage. A file system that
 // refuses it gets the best it offers.
+std::atomic<int> flushes{0};
+
 int flushToDisk(int fd)
 {
+    ++flushes;
 #ifdef F_FULLFSYNC
     if (::fcntl(fd, F_FULLFSYNC) == 0)
         return 0;
@@ -59,7 +65,30 @@ void syncDirectory(const QByteArray &directory)
 
 } // namespace
 
-bool write(const QString &path, const QByteArray &bytes, const Ownership &ownership, QString *error)
+int flushCount()
+{
+    return flushes;
+}
+
+void syncDirectoryOf(const QString &file)
+{
+    syncDirectory(QFile::encodeName(QFileInfo(file).absolutePath()));
+}
+
+void removeTemporaries(const QString &file)
+{
+    const QFileInfo target(file);
+    const QStringList strays = target.dir().entryList(
+        {QLatin1Char('.') + target.fileName() + QLatin1String(".tarvex-??????")},
+        QDir::Files | QDir::Hidden | QDir::System);
+    for (const QString &stray : strays) {
+        qWarning() << "[AtomicFile] removing what a write cut short left" << stray;
+        QFile::remove(target.dir().filePath(stray));
+    }
+}
+
+bool write(const QString &path, const QByteArray &bytes, const Ownership &ownership, QString *error,
+           Sync sync)
 {
     // A symbolic link is replaced at what it points to, not turned into a file.
     const QString canonical = QFileInfo(path).canonicalFilePath();
@@ -81,7 +110,7 @@ bool write(const QString &path, const QByteArray &bytes, const Ownership &owners
         *error = systemError("set owner");
         ok = false;
     }
-    if (ok && flushToDisk(fd) != 0) {
+    if (ok && sync != Sync::None && flushToDisk(fd) != 0) {
         *error = systemError("sync");
         ok = false;
     }
@@ -94,18 +123,20 @@ bool write(const QString &path, const QByteArray &bytes, const Ownership &owners
         ::unlink(temporary.constData());
         return false;
     }
-    syncDirectory(directory);
+    if (sync == Sync::Full)
+        syncDirectory(directory);
     return true;
 }
 
-bool replace(const QString &path, const QByteArray &bytes, QString *error)
+bool replace(const QString &path, const QByteArray &bytes, QString *error, Sync sync)
 {
     struct stat info = {};
     if (::stat(QFile::encodeName(path).constData(), &info) != 0) {
         *error = systemError("stat");
         return false;
     }
-    return write(path, bytes, {info.st_uid, info.st_gid, mode_t(info.st_mode & 07777)}, error);
+    return write(path, bytes, {info.st_uid, info.st_gid, mode_t(info.st_mode & 07777)}, error,
+                 sync);
 }
 
 } // namespace AtomicFile

@@ -9,6 +9,8 @@ MacVpnBackend::MacVpnBackend(MacHostEnvironment environment, QObject *parent)
 {
     watchTunnelProcess();
     connect(&routeMonitor, &RouteMonitor::settled, this, &MacVpnBackend::followNetworkChange);
+    pendingRetry.setSingleShot(true);
+    connect(&pendingRetry, &QTimer::timeout, this, &MacVpnBackend::retryPendingWhileIdle);
 }
 
 MacVpnBackend::~MacVpnBackend()

@@ -1,6 +1,8 @@
+#include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
 #include "backend/core/LogMasking.h"
 #include "config/ConnectValidator.h"
+#include "config/NetworkText.h"
 
 #include <QDebug>
 #include <QScopeGuard>
@@ -31,10 +33,11 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     connectCancelled = false;
     const auto finished = qScopeGuard([this] { connectRunning = false; });
     cleanup();
-
-    // Nothing is changed that could not be recorded first.
-    if (!recordHostChange()) {
-        qWarning() << "[MacVpnBackend] host journal unusable" << lastError();
+    // Nothing new on top of what an earlier connection left and could not undo.
+    if (!pendingUndo.isEmpty()) {
+        qWarning() << "[MacVpnBackend] connect refused: earlier changes still to undo";
+        setError(pendingUndoMessage());
+        schedulePendingRetry(true);
         return;
     }
 
@@ -46,9 +49,32 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
     qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
 
-    resolveNames();
+    tunnelAddresses.clear();
+    for (const QString &own :
+         {config.dns1, config.dns2, clientIpv4(config), QString(DefaultIpv6Address)}) {
+        if (NetworkText::isAddress(own.trimmed()))
+            tunnelAddresses.append(QHostAddress(own.trimmed()));
+    }
+    resolveNames(endpointHost(config));
     if (connectCancelled) {
         qInfo() << "[MacVpnBackend] connect cancelled by disconnect";
+        return;
+    }
+    // Resolved once: the route to the server and the tunnel program go by
+    // the same address, and the journal knows which.
+    ParsedVpnConfig resolved = config;
+    resolved.hostName = endpointAddress(endpointHost(config));
+    if (resolved.hostName.isEmpty()) {
+        qWarning() << "[MacVpnBackend] endpoint not resolved" << endpointHost(config);
+        setError(tr("Не удалось определить адрес сервера %1").arg(endpointHost(config)));
+        return;
+    }
+
+    // Nothing is changed that could not be recorded first: the program, before it starts.
+    tunnelProgram = binary;
+    if (!recordHostChange()) {
+        qWarning() << "[MacVpnBackend] host journal unusable" << lastError();
+        tunnelProgram.clear();
         return;
     }
 
@@ -64,8 +90,8 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    tunnelEndpoint = endpointOf(config);
-    const QString setConfig = uapiSetConfig(config);
+    tunnelEndpoint = endpointOf(resolved);
+    const QString setConfig = uapiSetConfig(resolved);
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") +
                              LogMasking::uapiText(setConfig);
     const QString reply = uapiCommand(setConfig);
@@ -84,21 +110,22 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    if (!configureRoutes(config)) {
+    if (!configureRoutes(resolved)) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
         cleanup();
         return;
     }
 
-    if (splitTunnel.enabled && splitTunnel.mode == 1)
+    if (splitTunnel.enabled && splitTunnel.mode == 1) {
         qInfo() << "[MacVpnBackend] skip global DNS for only-selected split tunnel";
-    else
+        applyLastingChanges({}, {});
+    } else {
         configureDns(config);
+    }
     flushDnsCache();
 
     // The routes around the tunnel follow the Mac from network to network.
     routeMonitor.start(host.routeTool);
-    connectedClock.start();
     qInfo() << "[MacVpnBackend] connected";
     setStatus(Connected);
     Q_EMIT connected();
@@ -120,6 +147,11 @@ void MacVpnBackend::disconnectVpn()
         setStatus(Disconnecting);
         cleanup();
         setStatus(Disconnected);
+        // What would not be undone is said, and tried again.
+        if (!pendingUndo.isEmpty()) {
+            setError(pendingUndoMessage());
+            schedulePendingRetry(true);
+        }
     }
     Q_EMIT disconnected();
 }
@@ -127,6 +159,7 @@ void MacVpnBackend::disconnectVpn()
 void MacVpnBackend::cleanup()
 {
     qInfo() << "[MacVpnBackend] cleanup";
+    retryPendingUndo();
     routeMonitor.stop();
     vpnDnsServers.clear();
     restoreDns();

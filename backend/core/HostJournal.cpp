@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr auto JournalFile = QLatin1String("host-changes.json");
 constexpr auto LockFile = QLatin1String("lock");
 // A journal is a few kilobytes; anything far larger was not written by us.
 constexpr qint64 MaxJournalBytes = 4 * 1024 * 1024;
@@ -40,9 +39,9 @@ HostJournal::~HostJournal()
         ::close(lockFd);
 }
 
-QString HostJournal::filePath() const
+QString HostJournal::filePath(const File &file) const
 {
-    return QDir(directory).filePath(JournalFile);
+    return QDir(directory).filePath(QLatin1String(file.name));
 }
 
 bool HostJournal::prepareDirectory(QString *error)
@@ -81,18 +80,23 @@ bool HostJournal::lock(int timeoutMs)
     return true;
 }
 
-QJsonObject HostJournal::load()
+HostJournal::Records HostJournal::load()
 {
-    saved.clear();
-    const QByteArray path = QFile::encodeName(filePath());
+    AtomicFile::removeTemporaries(filePath(session));
+    AtomicFile::removeTemporaries(filePath(settings));
+    return {load(session), load(settings)};
+}
+
+QJsonObject HostJournal::load(File &file)
+{
+    file.saved.clear();
+    const QByteArray path = QFile::encodeName(filePath(file));
     struct stat info = {};
-    if (::lstat(path.constData(), &info) != 0) {
-        qInfo() << "[HostJournal] no journal: nothing left to undo";
+    if (::lstat(path.constData(), &info) != 0)
         return QJsonObject();
-    }
-    const auto ignore = [this](const char *why) {
-        qWarning() << "[HostJournal] journal ignored:" << why << filePath();
-        saved = QByteArrayLiteral("\0"); // so that the next save replaces it
+    const auto ignore = [this, &file](const char *why) {
+        qWarning() << "[HostJournal] journal ignored:" << why << filePath(file);
+        file.saved = QByteArrayLiteral("\0"); // so that the next save replaces it
         return QJsonObject();
     };
     if (!S_ISREG(info.st_mode))
@@ -102,36 +106,43 @@ QJsonObject HostJournal::load()
     if (info.st_size > MaxJournalBytes)
         return ignore("too large");
 
-    QFile file(filePath());
-    if (!file.open(QIODevice::ReadOnly))
+    QFile reader(filePath(file));
+    if (!reader.open(QIODevice::ReadOnly))
         return ignore("unreadable");
-    const QByteArray bytes = file.readAll();
+    const QByteArray bytes = reader.readAll();
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(bytes, &parseError);
     if (bytes.trimmed().isEmpty())
         return ignore("empty");
     if (parseError.error != QJsonParseError::NoError || !document.isObject())
         return ignore("damaged");
-    saved = bytes;
+    file.saved = bytes;
     return document.object();
 }
 
-bool HostJournal::save(const QJsonObject &state, QString *error)
+bool HostJournal::save(const Records &records, QString *error)
 {
-    if (!prepareDirectory(error))
-        return false;
+    return prepareDirectory(error) && save(session, records.session, false, error) &&
+           save(settings, records.settings, true, error);
+}
+
+bool HostJournal::save(File &file, const QJsonObject &state, bool durable, QString *error)
+{
     const QByteArray bytes =
         state.isEmpty() ? QByteArray() : QJsonDocument(state).toJson(QJsonDocument::Indented);
-    if (bytes == saved)
+    if (bytes == file.saved)
         return true;
     if (bytes.isEmpty()) {
-        if (::unlink(QFile::encodeName(filePath()).constData()) != 0 && errno != ENOENT) {
+        if (::unlink(QFile::encodeName(filePath(file)).constData()) != 0 && errno != ENOENT) {
             *error = systemError();
             return false;
         }
-    } else if (!AtomicFile::write(filePath(), bytes, {::geteuid(), ::getegid(), 0600}, error)) {
+        if (durable)
+            AtomicFile::syncDirectoryOf(filePath(file));
+    } else if (!AtomicFile::write(filePath(file), bytes, {::geteuid(), ::getegid(), 0600}, error,
+                                  durable ? AtomicFile::Sync::Full : AtomicFile::Sync::None)) {
         return false;
     }
-    saved = bytes;
+    file.saved = bytes;
     return true;
 }

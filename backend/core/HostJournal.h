@@ -6,14 +6,27 @@
 
 // The service's record of what it has changed on the host and not yet
 // undone, kept on disk so that whatever happens to the process, the next
-// start can undo it. The file is replaced atomically on every change; an
-// empty record removes it.
+// start can undo it. Two files, by what a power cut does to what they record:
+//   session   what a reboot takes away anyway (routes, the tunnel program,
+//             firewall rules): written atomically but not flushed, since a
+//             crash of the process leaves it intact and a power cut leaves
+//             nothing for it to describe.
+//   settings  what outlasts a reboot (DNS servers, the hosts block): flushed
+//             to stable storage before the change it records is made.
+// Each file is replaced atomically when it changes; an empty record removes it.
 //
 // One instance of the service owns the journal at a time: it holds a lock
-// beside the file for as long as it runs.
+// beside the files for as long as it runs.
 class HostJournal
 {
 public:
+    struct Records
+    {
+        QJsonObject session;
+        QJsonObject settings;
+        bool isEmpty() const { return session.isEmpty() && settings.isEmpty(); }
+    };
+
     explicit HostJournal(QString directory);
     ~HostJournal();
     HostJournal(const HostJournal &) = delete;
@@ -22,19 +35,28 @@ public:
     // Takes the lock, waiting up to timeoutMs for another instance to let go.
     bool lock(int timeoutMs);
 
-    // What the last run left behind; an empty object when there is nothing,
-    // or nothing that can be trusted (the reason is logged).
-    QJsonObject load();
+    // What the last run left behind; empty objects when there is nothing, or
+    // nothing that can be trusted (the reason is logged). Temporary files of
+    // a write cut short are removed.
+    Records load();
 
-    // Records the given state; skipped when it is what the disk already holds.
-    bool save(const QJsonObject &state, QString *error);
+    // Records the state; a file whose bytes would not change is not written.
+    bool save(const Records &records, QString *error);
 
 private:
+    struct File
+    {
+        const char *name;
+        QByteArray saved; // what the file holds now; empty when there is none
+    };
     bool prepareDirectory(QString *error);
-    QString filePath() const;
+    QString filePath(const File &file) const;
+    QJsonObject load(File &file);
+    bool save(File &file, const QJsonObject &state, bool durable, QString *error);
 
     const QString directory;
-    QByteArray saved; // what the file holds now; empty when there is no file
+    File session{"session.json", {}};
+    File settings{"settings.json", {}};
     bool directoryReady = false;
     int lockFd = -1;
 };

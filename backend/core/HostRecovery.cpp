@@ -1,6 +1,7 @@
 // Undoing, at start-up, what an earlier run of the service left on the host.
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/core/AtomicFile.h"
 #include "backend/core/ProcessIdentity.h"
 #include "backend/host/RouteReply.h"
 
@@ -52,40 +53,38 @@ bool MacVpnBackend::recoverHostChanges()
     if (!journal.lock(JournalLockWaitMs))
         return false;
     adoptJournalState(journal.load());
+    AtomicFile::removeTemporaries(host.hostsFile);
     if (journalState().isEmpty())
         return true;
 
-    // Newest first, the reverse of the order in which a connect makes them.
+    // Newest first, the reverse of the order in which a connect makes them;
+    // a route only while it is still ours. What fails is kept for later.
     qInfo() << "[MacVpnBackend] undoing host changes left by an earlier run";
+    retryPendingUndo();
     restoreDns();
-    for (auto it = installedRoutes.crbegin(); it != installedRoutes.crend(); ++it) {
-        if (routeStillInstalled(*it))
-            deleteRoute(*it);
+    unpinControlPlaneHosts();
+    QList<RouteEntry> routes(installedRoutes.crbegin(), installedRoutes.crend());
+    for (auto it = controlPlaneBypassHosts.crbegin(); it != controlPlaneBypassHosts.crend(); ++it)
+        routes.append({QStringLiteral("inet"), *it, QStringLiteral("-host"), physicalGateway});
+    if (!serverRouteGateway.isEmpty())
+        routes.append(
+            {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
+    for (const RouteEntry &route : std::as_const(routes)) {
+        if (!routeStillInstalled(route))
+            continue;
+        if (const QString error = deleteRoute(route); !error.isEmpty())
+            pendingUndo.routes.append({route, error});
     }
     installedRoutes.clear();
-    if (hostsPinned)
-        unpinControlPlaneHosts();
-    hostsPinned = false;
-    for (auto it = controlPlaneBypassHosts.crbegin(); it != controlPlaneBypassHosts.crend(); ++it) {
-        const RouteEntry bypass{QStringLiteral("inet"), *it, QStringLiteral("-host"),
-                                physicalGateway};
-        if (routeStillInstalled(bypass))
-            deleteRoute(bypass);
-    }
     controlPlaneBypassHosts.clear();
-    if (!serverRouteGateway.isEmpty()) {
-        const RouteEntry server{routeFamily(serverHost), serverHost, QStringLiteral("-host"),
-                                serverRouteGateway};
-        if (routeStillInstalled(server))
-            deleteRoute(server);
-    }
     serverRouteGateway.clear();
     serverHost.clear();
     physicalGateway.clear();
     stopRecordedTunnel();
     flushDnsCache();
     saveJournal();
-    qInfo() << "[MacVpnBackend] host changes of the earlier run undone";
+    qInfo() << "[MacVpnBackend] host changes of the earlier run undone"
+            << (pendingUndo.isEmpty() ? "" : "but for some, kept to try again");
     return true;
 }
 
@@ -125,22 +124,27 @@ bool MacVpnBackend::routeStillInstalled(const RouteEntry &route) const
 }
 
 // The program is not our child any more: it is stopped by its pid, and only
-// while that pid still belongs to the very process we started.
+// while that pid still belongs to the very process we started. Recorded as
+// about to start but with no pid yet, it is the orphan running that program.
 void MacVpnBackend::stopRecordedTunnel()
 {
-    if (tunnelPid <= 0)
-        return;
-    const auto pid = pid_t(tunnelPid);
-    if (ProcessIdentity::of(tunnelPid) != tunnelIdentity) {
+    QList<QPair<qint64, QString>> stopping;
+    if (tunnelPid > 0 && ProcessIdentity::of(tunnelPid) == tunnelIdentity)
+        stopping.append({tunnelPid, tunnelIdentity});
+    else if (tunnelPid > 0)
         qInfo() << "[MacVpnBackend] tunnel program of the earlier run is gone" << tunnelPid;
-    } else {
-        qInfo() << "[MacVpnBackend] stopping tunnel program of the earlier run" << tunnelPid;
-        ::kill(pid, SIGTERM);
-        if (!waitUntilGone(tunnelPid, tunnelIdentity, RecordedTunnelStopMs)) {
-            ::kill(pid, SIGKILL);
-            waitUntilGone(tunnelPid, tunnelIdentity, RecordedTunnelStopMs);
+    else if (!tunnelProgram.isEmpty())
+        for (const qint64 orphan : ProcessIdentity::orphansOf(tunnelProgram))
+            stopping.append({orphan, ProcessIdentity::of(orphan)});
+    for (const auto &[pid, identity] : std::as_const(stopping)) {
+        qInfo() << "[MacVpnBackend] stopping tunnel program of the earlier run" << pid;
+        ::kill(pid_t(pid), SIGTERM);
+        if (!waitUntilGone(pid, identity, RecordedTunnelStopMs)) {
+            ::kill(pid_t(pid), SIGKILL);
+            waitUntilGone(pid, identity, RecordedTunnelStopMs);
         }
     }
+    tunnelProgram.clear();
     tunnelPid = 0;
     tunnelIdentity.clear();
 }

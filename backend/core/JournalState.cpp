@@ -1,18 +1,23 @@
 // The backend's bookkeeping of host changes, as the journal keeps it on disk.
 #include "backend/MacVpnBackend.h"
+#include "backend/core/BootSession.h"
 #include "config/NetworkText.h"
 
 #include <QDebug>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QRegularExpression>
 
+#include <optional>
+
 namespace {
 
-constexpr int JournalVersion = 1;
+constexpr int JournalVersion = 2;
 
 bool isInterfaceName(const QString &text)
 {
-    static const QRegularExpression name(QStringLiteral("^[a-z]+[0-9]+$"));
+    static const QRegularExpression name(
+        QRegularExpression::anchoredPattern(QStringLiteral("[a-z]+[0-9]+")));
     return name.match(text).hasMatch();
 }
 
@@ -31,119 +36,189 @@ void ignored(const char *what, const QJsonValue &value)
     qWarning() << "[MacVpnBackend] journal entry ignored:" << what << value;
 }
 
+QJsonObject routeObject(const MacVpnBackend::RouteEntry &route)
+{
+    return {{QStringLiteral("family"), route.family},
+            {QStringLiteral("destination"), route.destination},
+            {QStringLiteral("type"), route.type},
+            {QStringLiteral("via"), route.via}};
+}
+
+// A route the service could have added itself, or nothing.
+std::optional<MacVpnBackend::RouteEntry> routeFrom(const QJsonObject &object)
+{
+    const MacVpnBackend::RouteEntry route{object.value(QLatin1String("family")).toString(),
+                                          object.value(QLatin1String("destination")).toString(),
+                                          object.value(QLatin1String("type")).toString(),
+                                          object.value(QLatin1String("via")).toString()};
+    const bool ipv6 = route.family == QLatin1String("inet6");
+    const bool familyMatches = NetworkText::isRange(route.destination) &&
+                               (ipv6 ? NetworkText::isIpv6Route(route.destination)
+                                     : route.family == QLatin1String("inet") &&
+                                           NetworkText::isIpv4Route(route.destination));
+    const bool typeValid =
+        route.type == QLatin1String("-net") || route.type == QLatin1String("-host");
+    if (familyMatches && typeValid &&
+        (NetworkText::isAddress(route.via) || isInterfaceName(route.via)))
+        return route;
+    return std::nullopt;
+}
+
+QStringList serversFrom(const QJsonValue &value, bool *valid)
+{
+    QStringList servers;
+    *valid = value.isArray();
+    for (const QJsonValue &server : value.toArray()) {
+        *valid = *valid && NetworkText::isAddress(server.toString());
+        servers.append(server.toString());
+    }
+    return servers;
+}
+
 } // namespace
 
-QJsonObject MacVpnBackend::journalState() const
+HostJournal::Records MacVpnBackend::journalState() const
 {
-    QJsonObject state;
-    if (tunnelPid > 0)
-        state.insert(QStringLiteral("tunnel"),
-                     QJsonObject{{QStringLiteral("pid"), tunnelPid},
-                                 {QStringLiteral("identity"), tunnelIdentity}});
-    if (!controlPlaneBypassHosts.isEmpty())
-        state.insert(QStringLiteral("gateway"), physicalGateway);
+    QJsonObject session;
+    if (!tunnelProgram.isEmpty())
+        session.insert(QStringLiteral("tunnel"),
+                       QJsonObject{{QStringLiteral("program"), tunnelProgram},
+                                   {QStringLiteral("pid"), tunnelPid},
+                                   {QStringLiteral("identity"), tunnelIdentity}});
+    if (!controlPlaneBypassHosts.isEmpty()) {
+        session.insert(QStringLiteral("gateway"), physicalGateway);
+        session.insert(QStringLiteral("bypassRoutes"),
+                       QJsonArray::fromStringList(controlPlaneBypassHosts));
+    }
     if (!serverRouteGateway.isEmpty())
-        state.insert(QStringLiteral("serverRoute"),
-                     QJsonObject{{QStringLiteral("host"), serverHost},
-                                 {QStringLiteral("via"), serverRouteGateway}});
-    if (!controlPlaneBypassHosts.isEmpty())
-        state.insert(QStringLiteral("bypassRoutes"),
-                     QJsonArray::fromStringList(controlPlaneBypassHosts));
-    if (hostsPinned)
-        state.insert(QStringLiteral("hostsBlock"), true);
+        session.insert(QStringLiteral("serverRoute"),
+                       QJsonObject{{QStringLiteral("host"), serverHost},
+                                   {QStringLiteral("via"), serverRouteGateway}});
     QJsonArray routes;
     for (const RouteEntry &route : installedRoutes)
-        routes.append(QJsonObject{{QStringLiteral("family"), route.family},
-                                  {QStringLiteral("destination"), route.destination},
-                                  {QStringLiteral("type"), route.type},
-                                  {QStringLiteral("via"), route.via}});
+        routes.append(routeObject(route));
     if (!routes.isEmpty())
-        state.insert(QStringLiteral("routes"), routes);
+        session.insert(QStringLiteral("routes"), routes);
+    QJsonArray pendingRoutes;
+    for (const PendingRoute &pending : pendingUndo.routes) {
+        QJsonObject route = routeObject(pending.route);
+        route.insert(QStringLiteral("error"), pending.error);
+        pendingRoutes.append(route);
+    }
+    if (!pendingRoutes.isEmpty())
+        session.insert(QStringLiteral("pendingRoutes"), pendingRoutes);
+    if (!session.isEmpty()) {
+        session.insert(QStringLiteral("version"), JournalVersion);
+        session.insert(QStringLiteral("boot"), BootSession::current());
+    }
+
+    QJsonObject settings;
     QJsonObject dns;
     for (auto it = savedDnsServers.cbegin(); it != savedDnsServers.cend(); ++it)
         dns.insert(it.key(), QJsonArray::fromStringList(it.value()));
     if (!dns.isEmpty())
-        state.insert(QStringLiteral("dns"), dns);
-    if (!state.isEmpty())
-        state.insert(QStringLiteral("version"), JournalVersion);
-    return state;
+        settings.insert(QStringLiteral("dns"), dns);
+    QJsonObject pendingDns;
+    for (auto it = pendingUndo.dns.cbegin(); it != pendingUndo.dns.cend(); ++it)
+        pendingDns.insert(it.key(), QJsonObject{{QStringLiteral("servers"),
+                                                 QJsonArray::fromStringList(it->servers)},
+                                                {QStringLiteral("error"), it->error}});
+    if (!pendingDns.isEmpty())
+        settings.insert(QStringLiteral("pendingDns"), pendingDns);
+    if (hostsPinned || !pendingUndo.hostsBlock.isEmpty())
+        settings.insert(QStringLiteral("hostsBlock"),
+                        QJsonObject{{QStringLiteral("addedLineFeed"), hostsAddedLineFeed},
+                                    {QStringLiteral("error"), pendingUndo.hostsBlock}});
+    if (!settings.isEmpty())
+        settings.insert(QStringLiteral("version"), JournalVersion);
+    return {session, settings};
 }
 
 // Takes in only what is well formed: a damaged or forged journal must never
-// make the service run a command it would not have run itself.
-void MacVpnBackend::adoptJournalState(const QJsonObject &state)
+// make the service run a command it would not have run itself. What the
+// session recorded vanished with an earlier boot, and is only dropped.
+void MacVpnBackend::adoptJournalState(const HostJournal::Records &records)
 {
-    if (state.isEmpty())
-        return;
-    if (state.value(QLatin1String("version")).toInt() != JournalVersion) {
-        ignored("unknown version", state.value(QLatin1String("version")));
-        return;
-    }
-
-    const QJsonObject tunnel = state.value(QLatin1String("tunnel")).toObject();
-    const qint64 pid = tunnel.value(QLatin1String("pid")).toInteger();
-    const QString identity = tunnel.value(QLatin1String("identity")).toString();
-    if (pid > 1 && !identity.isEmpty()) {
-        tunnelPid = pid;
-        tunnelIdentity = identity;
-    } else if (state.contains(QLatin1String("tunnel"))) {
-        ignored("tunnel", tunnel);
-    }
-
-    const QString gateway = state.value(QLatin1String("gateway")).toString();
-    const bool gatewayValid = NetworkText::isAddress(gateway);
-    const QJsonObject server = state.value(QLatin1String("serverRoute")).toObject();
-    const QString serverVia = server.value(QLatin1String("via")).toString();
-    if (NetworkText::isAddress(server.value(QLatin1String("host")).toString()) &&
-        NetworkText::isAddress(serverVia)) {
-        serverHost = server.value(QLatin1String("host")).toString();
-        serverRouteGateway = serverVia;
-    } else if (state.contains(QLatin1String("serverRoute"))) {
-        ignored("serverRoute", state.value(QLatin1String("serverRoute")));
-    }
-    for (const QJsonValue &value : state.value(QLatin1String("bypassRoutes")).toArray()) {
-        if (gatewayValid && isIpv4Route(value.toString()) &&
-            !value.toString().contains(QLatin1Char('/'))) {
-            physicalGateway = gateway;
-            controlPlaneBypassHosts.append(value.toString());
-        } else {
-            ignored("bypass route", value);
+    const QJsonObject &session = records.session;
+    const QJsonObject &settings = records.settings;
+    for (const QJsonObject *state : {&session, &settings}) {
+        if (!state->isEmpty() && state->value(QLatin1String("version")).toInt() != JournalVersion) {
+            ignored("unknown version", state->value(QLatin1String("version")));
+            return;
         }
     }
-    hostsPinned = state.value(QLatin1String("hostsBlock")).toBool();
+    const QString boot = BootSession::current();
+    if (!session.isEmpty() && (boot.isEmpty() || session.value(QLatin1String("boot")) != boot)) {
+        qInfo() << "[MacVpnBackend] routes, tunnel program and pf rules of an earlier boot are "
+                   "gone with it; their record is dropped";
+    } else if (!session.isEmpty()) {
+        const QJsonObject tunnel = session.value(QLatin1String("tunnel")).toObject();
+        const QString program = tunnel.value(QLatin1String("program")).toString();
+        if (QFileInfo(program).isAbsolute() && isPrintable(program)) {
+            tunnelProgram = program;
+            tunnelPid = qMax<qint64>(0, tunnel.value(QLatin1String("pid")).toInteger());
+            tunnelIdentity = tunnel.value(QLatin1String("identity")).toString();
+        } else if (session.contains(QLatin1String("tunnel"))) {
+            ignored("tunnel", tunnel);
+        }
 
-    for (const QJsonValue &value : state.value(QLatin1String("routes")).toArray()) {
-        const QJsonObject object = value.toObject();
-        const RouteEntry route{object.value(QLatin1String("family")).toString(),
-                               object.value(QLatin1String("destination")).toString(),
-                               object.value(QLatin1String("type")).toString(),
-                               object.value(QLatin1String("via")).toString()};
-        const bool familyMatches =
-            route.family == QLatin1String("inet6")
-                ? isIpv6Route(route.destination)
-                : route.family == QLatin1String("inet") && isIpv4Route(route.destination);
-        const bool typeValid =
-            route.type == QLatin1String("-net") || route.type == QLatin1String("-host");
-        if (familyMatches && typeValid &&
-            (NetworkText::isAddress(route.via) || isInterfaceName(route.via)))
-            installedRoutes.append(route);
-        else
-            ignored("route", value);
+        const QString gateway = session.value(QLatin1String("gateway")).toString();
+        const QJsonObject server = session.value(QLatin1String("serverRoute")).toObject();
+        const QString serverVia = server.value(QLatin1String("via")).toString();
+        if (NetworkText::isAddress(server.value(QLatin1String("host")).toString()) &&
+            NetworkText::isAddress(serverVia)) {
+            serverHost = server.value(QLatin1String("host")).toString();
+            serverRouteGateway = serverVia;
+        } else if (session.contains(QLatin1String("serverRoute"))) {
+            ignored("serverRoute", server);
+        }
+        for (const QJsonValue &value : session.value(QLatin1String("bypassRoutes")).toArray()) {
+            if (NetworkText::isAddress(gateway) && NetworkText::isAddress(value.toString()) &&
+                NetworkText::isIpv4Route(value.toString())) {
+                physicalGateway = gateway;
+                controlPlaneBypassHosts.append(value.toString());
+            } else {
+                ignored("bypass route", value);
+            }
+        }
+        for (const QJsonValue &value : session.value(QLatin1String("routes")).toArray()) {
+            if (const auto route = routeFrom(value.toObject()))
+                installedRoutes.append(*route);
+            else
+                ignored("route", value);
+        }
+        for (const QJsonValue &value : session.value(QLatin1String("pendingRoutes")).toArray()) {
+            if (const auto route = routeFrom(value.toObject()))
+                pendingUndo.routes.append(
+                    {*route, value.toObject().value(QLatin1String("error")).toString()});
+            else
+                ignored("route", value);
+        }
     }
 
-    const QJsonObject dns = state.value(QLatin1String("dns")).toObject();
+    const QJsonObject dns = settings.value(QLatin1String("dns")).toObject();
     for (auto it = dns.begin(); it != dns.end(); ++it) {
-        QStringList servers;
-        bool valid = !it.key().trimmed().isEmpty() && isPrintable(it.key()) && it.value().isArray();
-        for (const QJsonValue &server : it.value().toArray()) {
-            valid = valid && NetworkText::isAddress(server.toString());
-            servers.append(server.toString());
-        }
-        if (valid)
+        bool valid = false;
+        const QStringList servers = serversFrom(it.value(), &valid);
+        if (valid && !it.key().trimmed().isEmpty() && isPrintable(it.key()))
             savedDnsServers.insert(it.key(), servers);
         else
             ignored("DNS servers", QJsonObject{{it.key(), it.value()}});
     }
+    const QJsonObject pendingDns = settings.value(QLatin1String("pendingDns")).toObject();
+    for (auto it = pendingDns.begin(); it != pendingDns.end(); ++it) {
+        bool valid = false;
+        const QJsonObject step = it.value().toObject();
+        const QStringList servers = serversFrom(step.value(QLatin1String("servers")), &valid);
+        if (valid && !it.key().trimmed().isEmpty() && isPrintable(it.key()))
+            pendingUndo.dns.insert(it.key(),
+                                   {servers, step.value(QLatin1String("error")).toString()});
+        else
+            ignored("DNS servers", QJsonObject{{it.key(), it.value()}});
+    }
+    const QJsonObject block = settings.value(QLatin1String("hostsBlock")).toObject();
+    hostsPinned = settings.contains(QLatin1String("hostsBlock"));
+    hostsAddedLineFeed = block.value(QLatin1String("addedLineFeed")).toBool();
 }
 
 bool MacVpnBackend::saveJournal(QString *error)

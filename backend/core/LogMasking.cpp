@@ -97,4 +97,12 @@ QString messageLine(const QByteArray &line)
         QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact))));
 }
 
+QString messageExcerpt(const QByteArray &line)
+{
+    const QString text = messageLine(line);
+    if (text.size() <= MaxExcerptChars)
+        return text;
+    return text.left(MaxExcerptChars) + QStringLiteral("… (%1 bytes in all)").arg(line.size());
+}
+
 } // namespace LogMasking

@@ -1,6 +1,11 @@
 #include "backend/core/ProcessIdentity.h"
 
+#include "backend/core/BootSession.h"
+
+#include <QDir>
 #include <QFile>
+
+#include <vector>
 
 #ifdef Q_OS_MACOS
 #include <libproc.h>
@@ -21,6 +26,24 @@ QString of(qint64 pid)
         return QString();
     // The start time is absolute, so it also tells one boot from the next.
     return QStringLiteral("start=%1.%2").arg(info.pbi_start_tvsec).arg(info.pbi_start_tvusec);
+}
+
+QList<qint64> orphansOf(const QString &program)
+{
+    QList<qint64> orphans;
+    std::vector<pid_t> pids(size_t(proc_listallpids(nullptr, 0)) + 64);
+    const int count = proc_listallpids(pids.data(), int(pids.size() * sizeof(pid_t)));
+    for (int i = 0; i < count; ++i) {
+        char path[PROC_PIDPATHINFO_MAXSIZE] = {};
+        struct proc_bsdinfo info = {};
+        if (proc_pidpath(pids[size_t(i)], path, sizeof path) > 0 &&
+            QFile::decodeName(path) == program &&
+            proc_pidinfo(pids[size_t(i)], PROC_PIDTBSDINFO, 0, &info, sizeof info) ==
+                int(sizeof info) &&
+            info.pbi_ppid == 1 && info.pbi_status != SZOMB)
+            orphans.append(pids[size_t(i)]);
+    }
+    return orphans;
 }
 
 #else
@@ -49,9 +72,26 @@ QString of(qint64 pid)
     // state is the first field after the name, starttime the twentieth.
     if (fields.size() < 20 || fields[0] == "Z" || fields[0] == "X")
         return QString();
-    const QByteArray boot = readAll(QStringLiteral("/proc/sys/kernel/random/boot_id")).trimmed();
     return QStringLiteral("boot=%1 start=%2")
-        .arg(QString::fromLatin1(boot), QString::fromLatin1(fields[19]));
+        .arg(BootSession::current(), QString::fromLatin1(fields[19]));
+}
+
+QList<qint64> orphansOf(const QString &program)
+{
+    QList<qint64> orphans;
+    const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
+    for (const QString &pid : pids) {
+        const QString proc = QStringLiteral("/proc/") + pid;
+        const QList<QByteArray> arguments = readAll(proc + QLatin1String("/cmdline")).split('\0');
+        const QByteArray stat = readAll(proc + QLatin1String("/stat"));
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        const bool started = QFile::symLinkTarget(proc + QLatin1String("/exe")) == program ||
+                             QFile::decodeName(arguments.value(1)) == program;
+        if (pid.toLongLong() > 1 && started && fields.size() > 2 && fields[1] == "1" &&
+            fields[0] != "Z")
+            orphans.append(pid.toLongLong());
+    }
+    return orphans;
 }
 
 #endif

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 
 // Tells one process from another that later gets the same pid: the boot and
@@ -8,5 +9,10 @@
 namespace ProcessIdentity {
 
 QString of(qint64 pid);
+
+// The live processes started from the program (its executable, or the
+// script an interpreter runs) that nobody waits for any more: their parent
+// is gone and pid 1 took them over.
+QList<qint64> orphansOf(const QString &program);
 
 } // namespace ProcessIdentity

@@ -1,9 +1,15 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
+#include "backend/host/BypassFilter.h"
+#include "config/NetworkText.h"
 
 #include <QDebug>
 #include <QHostAddress>
 
+// The control-plane host is reached around the tunnel, by the physical
+// gateway, at the addresses the network's resolver gave for it (those that
+// pass BypassFilter), and pinned to them in the hosts file once the lasting
+// changes are recorded.
 void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
 {
     removeControlPlaneBypass();
@@ -12,64 +18,60 @@ void MacVpnBackend::installControlPlaneBypass(const QString &gateway)
         return;
     }
     const QString hostName = controlPlaneHost();
-    if (hostName.isEmpty())
-        return;
-
-    const QHostInfo info = lookedUp(hostName);
-    if (info.error() != QHostInfo::NoError) {
-        qWarning() << "[MacVpnBackend] control-plane resolve failed" << hostName
-                   << info.errorString();
-        return;
-    }
-
     QStringList candidates;
-    const QList<QHostAddress> addresses = info.addresses();
-    for (const QHostAddress &address : addresses) {
-        if (address.protocol() == QAbstractSocket::IPv4Protocol &&
-            !candidates.contains(address.toString()))
-            candidates.append(address.toString());
+    for (const QString &address : addressesAroundTunnel(hostName)) {
+        if (NetworkText::isIpv4Route(address))
+            candidates.append(address);
     }
     if (candidates.isEmpty())
         return;
-    // Recorded, with the hosts block, before the first route is added.
+    // Recorded before the first route is added.
     controlPlaneBypassHosts = candidates;
-    hostsPinned = true;
     if (!saveJournal()) {
         qWarning() << "[MacVpnBackend] control-plane bypass skipped: journal not written";
         controlPlaneBypassHosts.clear();
-        hostsPinned = false;
         return;
     }
 
-    QStringList pinned;
-    for (const QHostAddress &address : addresses) {
-        if (address.protocol() != QAbstractSocket::IPv4Protocol)
-            continue;
-        const QString text = address.toString();
-        if (pinned.contains(text))
-            continue;
+    QStringList added;
+    for (const QString &address : std::as_const(candidates)) {
         QString failure;
-        const RouteEntry bypass{QStringLiteral("inet"), text, QStringLiteral("-host"), gateway};
+        const RouteEntry bypass{QStringLiteral("inet"), address, QStringLiteral("-host"), gateway};
         if (!runRoute(routeAddArguments(bypass), &failure)) {
-            qWarning() << "[MacVpnBackend] control-plane route failed" << text << failure;
+            qWarning() << "[MacVpnBackend] control-plane route failed" << address << failure;
             continue;
         }
-        pinned.append(text);
-        qInfo() << "[MacVpnBackend] control-plane bypass" << hostName << "->" << text << "via"
+        added.append(address);
+        qInfo() << "[MacVpnBackend] control-plane bypass" << hostName << "->" << address << "via"
                 << gateway;
     }
-    controlPlaneBypassHosts = pinned;
-    hostsPinned = !pinned.isEmpty();
+    controlPlaneBypassHosts = added;
+    hostsToPin = added;
     saveJournal();
-    if (!pinned.isEmpty())
-        pinControlPlaneHosts(pinned);
+}
+
+QStringList MacVpnBackend::addressesAroundTunnel(const QString &name) const
+{
+    const QHostInfo info = lookedUp(name);
+    if (info.error() != QHostInfo::NoError) {
+        qWarning() << "[MacVpnBackend] name resolve failed" << name << info.errorString();
+        return {};
+    }
+    const BypassFilter::Verdict verdict =
+        BypassFilter::filter(name, info.addresses(), tunnelAddresses);
+    for (const QString &dropped : verdict.dropped)
+        qWarning() << "[MacVpnBackend] not routed around the tunnel:" << name << dropped;
+    return verdict.kept;
 }
 
 void MacVpnBackend::removeControlPlaneBypass()
 {
     unpinControlPlaneHosts();
-    hostsPinned = false;
-    for (const QString &address : std::as_const(controlPlaneBypassHosts))
-        deleteRoute({QStringLiteral("inet"), address, QStringLiteral("-host"), physicalGateway});
+    for (const QString &address : std::as_const(controlPlaneBypassHosts)) {
+        const RouteEntry bypass{QStringLiteral("inet"), address, QStringLiteral("-host"),
+                                physicalGateway};
+        if (const QString error = deleteRoute(bypass); !error.isEmpty())
+            pendingUndo.routes.append({bypass, error});
+    }
     controlPlaneBypassHosts.clear();
 }

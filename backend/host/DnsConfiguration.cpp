@@ -21,17 +21,60 @@ bool MacVpnBackend::configureDns(const ParsedVpnConfig &config)
             servers.append(server);
     }
     qInfo() << "[MacVpnBackend] configureDns" << servers;
-    if (servers.isEmpty())
-        return true;
-
     QString listing;
-    if (!runCommand(host.networksetupTool, {ListServices}, &listing, nullptr, CommandTimeoutMs))
-        return true;
-    vpnDnsServers = servers;
-    const QStringList services = enabledServices(listing);
-    for (const QString &service : services)
-        applyVpnDns(service, servers);
+    if (!servers.isEmpty() &&
+        runCommand(host.networksetupTool, {ListServices}, &listing, nullptr, CommandTimeoutMs))
+        vpnDnsServers = servers;
+    applyLastingChanges(vpnDnsServers.isEmpty() ? QStringList() : enabledServices(listing),
+                        vpnDnsServers);
     return true;
+}
+
+// What outlasts a reboot is recorded once, durably, before any of it
+// changes: each service's servers as read, and the hosts block. A service
+// whose servers cannot be read could not be put back either: it keeps its own.
+void MacVpnBackend::applyLastingChanges(const QStringList &services, const QStringList &servers)
+{
+    QStringList changing;
+    for (const QString &service : services) {
+        QString current;
+        const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current,
+                                     nullptr, CommandTimeoutMs);
+        qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "="
+                          << current.trimmed();
+        if (!read) {
+            qWarning() << "[MacVpnBackend] DNS servers unreadable, service left alone" << service;
+            continue;
+        }
+        // A service whose own servers are still to be put back keeps those as its own.
+        if (const auto pending = pendingUndo.dns.constFind(service);
+            pending != pendingUndo.dns.cend()) {
+            savedDnsServers.insert(service, pending->servers);
+            pendingUndo.dns.remove(service);
+        } else if (!savedDnsServers.contains(service)) {
+            QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+            if (saved.size() == 1 &&
+                saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
+                saved.clear();
+            savedDnsServers.insert(service, saved);
+        }
+        changing.append(service);
+    }
+    if (!hostsToPin.isEmpty())
+        hostsAddedLineFeed = hostsNeedLineFeed();
+    hostsPinned = hostsPinned || !hostsToPin.isEmpty();
+    if (!saveJournal()) {
+        qWarning() << "[MacVpnBackend] DNS servers and hosts left alone: journal not written";
+        for (const QString &service : std::as_const(changing))
+            savedDnsServers.remove(service);
+        hostsPinned = false;
+        return;
+    }
+    pinControlPlaneHosts(hostsToPin);
+    hostsToPin.clear();
+    for (const QString &service : std::as_const(changing))
+        runCommand(host.networksetupTool, QStringList{SetServers, service} + servers, nullptr,
+                   nullptr, CommandTimeoutMs);
 }
 
 // Network services that appear while connected (a cable plugged in) get the
@@ -41,13 +84,15 @@ void MacVpnBackend::configureDnsOnNewServices()
     QString listing;
     if (!runCommand(host.networksetupTool, {ListServices}, &listing, nullptr, CommandTimeoutMs))
         return;
-    const QStringList services = enabledServices(listing);
-    for (const QString &service : services) {
+    QStringList added;
+    for (const QString &service : enabledServices(listing)) {
         if (!savedDnsServers.contains(service)) {
             qInfo() << "[MacVpnBackend] new network service" << service;
-            applyVpnDns(service, vpnDnsServers);
+            added.append(service);
         }
     }
+    if (!added.isEmpty())
+        applyLastingChanges(added, vpnDnsServers);
 }
 
 QStringList MacVpnBackend::enabledServices(const QString &listing) const
@@ -64,43 +109,35 @@ QStringList MacVpnBackend::enabledServices(const QString &listing) const
     return services;
 }
 
-void MacVpnBackend::applyVpnDns(const QString &service, const QStringList &servers)
-{
-    QString current;
-    const bool read = runCommand(host.networksetupTool, {GetServers, service}, &current, nullptr,
-                                 CommandTimeoutMs);
-    qInfo().noquote() << "[MacVpnBackend] current DNS for" << service << "=" << current.trimmed();
-    // Servers we could not read could not be put back either: such a
-    // service keeps its own rather than losing them on disconnect.
-    if (!read) {
-        qWarning() << "[MacVpnBackend] DNS servers unreadable, service left alone" << service;
-        return;
-    }
-
-    QStringList saved = current.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    if (saved.size() == 1 &&
-        saved.front().startsWith(QLatin1String("There aren't any DNS Servers")))
-        saved.clear();
-    // Recorded before the change, so that a crash cannot lose them.
-    savedDnsServers.insert(service, saved);
-    if (!saveJournal()) {
-        qWarning() << "[MacVpnBackend] DNS servers left alone: journal not written" << service;
-        savedDnsServers.remove(service);
-        return;
-    }
-    runCommand(host.networksetupTool, QStringList{SetServers, service} + servers, nullptr, nullptr,
-               CommandTimeoutMs);
-}
-
 void MacVpnBackend::restoreDns()
 {
     for (auto it = savedDnsServers.cbegin(); it != savedDnsServers.cend(); ++it) {
-        const QStringList servers =
-            it.value().isEmpty() ? QStringList{QStringLiteral("Empty")} : it.value();
-        runCommand(host.networksetupTool, QStringList{SetServers, it.key()} + servers, nullptr,
-                   nullptr, CommandTimeoutMs);
+        const QString error = setDnsServers(it.key(), it.value());
+        if (!error.isEmpty())
+            pendingUndo.dns.insert(it.key(), {it.value(), error});
     }
     savedDnsServers.clear();
+}
+
+// networksetup may report a failure on its output alone; a service that is
+// gone has nothing left to put back.
+QString MacVpnBackend::setDnsServers(const QString &service, const QStringList &servers) const
+{
+    QString output;
+    QString error;
+    const bool done =
+        runCommand(host.networksetupTool,
+                   QStringList{SetServers, service} +
+                       (servers.isEmpty() ? QStringList{QStringLiteral("Empty")} : servers),
+                   &output, &error, CommandTimeoutMs);
+    const QString said = (output + QLatin1Char('\n') + error).trimmed();
+    if (said.contains(QLatin1String("is not a recognized network service"))) {
+        qInfo() << "[MacVpnBackend] network service gone, nothing to put back" << service;
+        return QString();
+    }
+    if (done && !said.contains(QLatin1String("** Error")))
+        return QString();
+    return said.isEmpty() ? QStringLiteral("networksetup failed") : said;
 }
 
 void MacVpnBackend::flushDnsCache() const

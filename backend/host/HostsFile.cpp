@@ -75,9 +75,18 @@ QString MacVpnBackend::controlPlaneHost() const
     return domain.isEmpty() ? QString(OrganizationDomain) : domain;
 }
 
-// The file is edited as bytes, so that whatever else it holds stays exactly
-// as it was, and replaced in one step, so that a failed or interrupted write
-// leaves the old file whole.
+// Whether pinning will have to end the file's last line before our block.
+bool MacVpnBackend::hostsNeedLineFeed() const
+{
+    QByteArray text;
+    qsizetype end = 0;
+    return readBytes(host.hostsFile, &text) && findBlock(text, &end) < 0 && !text.isEmpty() &&
+           !text.endsWith('\n');
+}
+
+// The file is edited as bytes and only our block's bytes change, so that
+// whatever else it holds stays exactly as it was; it is replaced in one step,
+// so that a failed or interrupted write leaves the old file whole.
 void MacVpnBackend::pinControlPlaneHosts(const QStringList &addresses)
 {
     const QString hostName = controlPlaneHost();
@@ -91,21 +100,22 @@ void MacVpnBackend::pinControlPlaneHosts(const QStringList &addresses)
         return;
     }
 
-    qsizetype end = 0;
-    const qsizetype begin = findBlock(text, &end);
-    if (begin >= 0)
-        text = text.remove(begin, end - begin).trimmed() + '\n';
-
     QByteArray block = BeginLine + '\n';
     for (const QString &address : addresses)
         block += address.toUtf8() + '\t' + hostName.toUtf8() + '\n';
     block += EndLine + '\n';
 
-    if (!text.isEmpty() && !text.endsWith('\n'))
-        text += '\n';
-    text += block;
+    qsizetype end = 0;
+    const qsizetype begin = findBlock(text, &end);
+    if (begin >= 0) {
+        text.replace(begin, qMin(end + 1, text.size()) - begin, block);
+    } else {
+        hostsAddedLineFeed = !text.isEmpty() && !text.endsWith('\n');
+        text += (hostsAddedLineFeed ? "\n" : "") + block;
+    }
 
-    if (!AtomicFile::replace(host.hostsFile, text, &error)) {
+    // Not torn by a power cut; lasting once the journal's next flush has run.
+    if (!AtomicFile::replace(host.hostsFile, text, &error, AtomicFile::Sync::Data)) {
         qWarning() << "[MacVpnBackend] unable to write hosts file" << error;
         return;
     }
@@ -114,24 +124,32 @@ void MacVpnBackend::pinControlPlaneHosts(const QStringList &addresses)
 
 void MacVpnBackend::unpinControlPlaneHosts()
 {
+    const QString error = removeHostsBlock();
+    pendingUndo.hostsBlock = hostsPinned ? error : QString();
+    hostsPinned = !pendingUndo.hostsBlock.isEmpty();
+}
+
+// Takes out exactly what pinning put in: the block, and the line feed it
+// added before it, if it did.
+QString MacVpnBackend::removeHostsBlock()
+{
     QByteArray text;
-    if (!readBytes(host.hostsFile, &text))
-        return;
+    QString error;
+    if (!readBytes(host.hostsFile, &text, &error))
+        return QFile::exists(host.hostsFile) ? error : QString();
 
     qsizetype end = 0;
     const qsizetype begin = findBlock(text, &end);
     if (begin < 0)
-        return;
-    text.remove(begin, end - begin);
-    while (text.contains("\n\n\n"))
-        text.replace("\n\n\n", "\n\n");
-    if (!text.isEmpty() && !text.endsWith('\n'))
-        text += '\n';
+        return QString();
+    text.remove(begin, qMin(end + 1, text.size()) - begin);
+    if (hostsAddedLineFeed && begin == text.size() && text.endsWith('\n'))
+        text.chop(1);
 
-    QString error;
-    if (!AtomicFile::replace(host.hostsFile, text, &error)) {
+    if (!AtomicFile::replace(host.hostsFile, text, &error, AtomicFile::Sync::Data)) {
         qWarning() << "[MacVpnBackend] unable to restore hosts file" << error;
-        return;
+        return error;
     }
     qInfo() << "[MacVpnBackend] unpinned control-plane hosts";
+    return QString();
 }

@@ -45,6 +45,9 @@ QHash<QString, QHostInfo> resolve(const QStringList &names, const Lookup &lookup
             const QHostInfo info = lookup(name);
             const QMutexLocker locker(&answers->mutex);
             answers->byName.insert(name, info);
+            // Wakes the waiting loop at once rather than at its next pass.
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(), [] {}, Qt::QueuedConnection);
         });
     }
 

@@ -4,17 +4,21 @@
 
 #include <QDebug>
 
+// A route that will not go is kept, with its error, to be tried again.
 void MacVpnBackend::removeRoutes()
 {
     removeControlPlaneBypass();
 
-    for (auto it = installedRoutes.crbegin(); it != installedRoutes.crend(); ++it)
-        deleteRoute(*it);
-    installedRoutes.clear();
-
+    QList<RouteEntry> removing(installedRoutes.crbegin(), installedRoutes.crend());
     // A server route that was there before us, or never added, is not ours to delete.
     if (!serverRouteGateway.isEmpty() && !serverHost.isEmpty())
-        deleteRoute({routeFamily(serverHost), serverHost, QStringLiteral("-host"), QString()});
+        removing.append(
+            {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
+    for (const RouteEntry &route : std::as_const(removing)) {
+        if (const QString error = deleteRoute(route); !error.isEmpty())
+            pendingUndo.routes.append({route, error});
+    }
+    installedRoutes.clear();
     serverRouteGateway.clear();
     serverRouteInterface.clear();
 }

@@ -1,5 +1,6 @@
 #include "backend/MacVpnBackend.h"
 #include "backend/host/NameResolver.h"
+#include "config/NetworkText.h"
 
 #include <QDebug>
 #include <QHostAddress>
@@ -28,6 +29,8 @@ MacVpnBackend::SplitTunnelSettings MacVpnBackend::splitTunnelFromPeer(const QVar
     return split;
 }
 
+// An exclusion leaves outside the tunnel: the addresses of its name are
+// filtered as the network's resolver gave them (see BypassFilter).
 QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) const
 {
     const QString value = entry.value(QStringLiteral("value")).toString().trimmed();
@@ -35,11 +38,15 @@ QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) c
         return {value};
 
     QStringList routes;
-    const QList<QHostAddress> addresses = lookedUp(value).addresses();
-    for (const QHostAddress &address : addresses) {
-        const auto protocol = address.protocol();
-        if (protocol == QAbstractSocket::IPv4Protocol || protocol == QAbstractSocket::IPv6Protocol)
-            routes.append(address.toString());
+    if (splitTunnel.mode == 2) {
+        routes = addressesAroundTunnel(value);
+    } else {
+        for (const QHostAddress &address : lookedUp(value).addresses()) {
+            const auto protocol = address.protocol();
+            if (protocol == QAbstractSocket::IPv4Protocol ||
+                protocol == QAbstractSocket::IPv6Protocol)
+                routes.append(address.toString());
+        }
     }
     routes.removeDuplicates();
     if (!routes.isEmpty())
@@ -53,9 +60,11 @@ QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) c
     return {};
 }
 
-void MacVpnBackend::resolveNames()
+void MacVpnBackend::resolveNames(const QString &endpoint)
 {
     QStringList names = {controlPlaneHost()};
+    if (!NetworkText::isAddress(endpoint))
+        names.append(endpoint);
     if (splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2)) {
         for (const QVariant &entry : std::as_const(splitTunnel.entries)) {
             const QString value = entry.toMap().value(QStringLiteral("value")).toString().trimmed();
@@ -69,6 +78,26 @@ void MacVpnBackend::resolveNames()
         if (it->error() == QHostInfo::UnknownError)
             qWarning() << "[MacVpnBackend] name lookup timed out" << it.key();
     }
+}
+
+// The endpoint's name stands for one address, the same for the server
+// route, the tunnel program, the journal and the firewall: the first of IPv4
+// the resolver gave, else the first of IPv6, never one that leads nowhere.
+QString MacVpnBackend::endpointAddress(const QString &endpoint) const
+{
+    if (NetworkText::isAddress(endpoint))
+        return endpoint;
+    QString fallback;
+    for (const QHostAddress &address : lookedUp(endpoint).addresses()) {
+        if (address.isLoopback() || address.isMulticast() || address.isLinkLocal() ||
+            address == QHostAddress::AnyIPv4 || address == QHostAddress::AnyIPv6)
+            continue;
+        if (address.protocol() == QAbstractSocket::IPv4Protocol)
+            return address.toString();
+        if (fallback.isEmpty() && address.protocol() == QAbstractSocket::IPv6Protocol)
+            fallback = address.toString();
+    }
+    return fallback;
 }
 
 // A connect has looked its names up already, under its deadline; a name

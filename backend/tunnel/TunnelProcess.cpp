@@ -121,6 +121,7 @@ bool MacVpnBackend::startTunnelProcess()
     }
     tunnelPid = tunnelProcess.processId();
     tunnelIdentity = ProcessIdentity::of(tunnelPid);
+    tunnelClock.start();
     if (!recordHostChange())
         return false;
 
@@ -220,6 +221,7 @@ void MacVpnBackend::stopTunnelProcess()
         stoppingTunnel = false;
     }
     if (tunnelProcess.state() == QProcess::NotRunning) {
+        tunnelProgram.clear();
         tunnelPid = 0;
         tunnelIdentity.clear();
     }

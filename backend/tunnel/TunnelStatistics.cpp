@@ -14,11 +14,14 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
     if (!details)
         return currentStatus == Connected;
     details->clear();
+    if (!pendingUndo.isEmpty())
+        details->insert(QStringLiteral("pendingUndo"), pendingUndoSteps());
     if (currentStatus != Connected)
         return false;
     details->insert(QStringLiteral("interface"), tunnelInterface);
     details->insert(QStringLiteral("endpoint"), tunnelEndpoint);
-    details->insert(QStringLiteral("uptimeSeconds"), connectedClock.elapsed() / 1000);
+    // From the start of the tunnel program, so no handshake is older than the tunnel.
+    details->insert(QStringLiteral("uptimeSeconds"), tunnelClock.elapsed() / 1000);
 
     // The listing holds the private key too; only the counters are taken.
     const QString reply = uapiQuery(QStringLiteral("get=1\n"), StatisticsTimeoutMs);

@@ -110,19 +110,28 @@ private Q_SLOTS:
         QCOMPARE(pure.hexKey(QString(TestKeys::Preshared) + "\n"), TestKeys::PresharedHex);
     }
 
+    // Only our block's bytes change: unpinning gives back the file as it was,
+    // but for a block of ours that an earlier run left.
     void pinAndUnpin_data()
     {
         QTest::addColumn<QByteArray>("original");
         QTest::addColumn<QByteArray>("pinned");
         QTest::addColumn<QByteArray>("unpinned");
+        const auto row = [](const char *name, const QByteArray &original, const QByteArray &pinned,
+                            const QByteArray &unpinned = "as before") {
+            QTest::newRow(name) << original << pinned
+                                << (unpinned == "as before" ? original : unpinned);
+        };
+        const QByteArray earlier = Begin + "192.0.2.1\ttarvex.com\n" + End;
         // clang-format off
-        QTest::newRow("no final line feed") << QByteArray("127.0.0.1\tlocalhost") << "127.0.0.1\tlocalhost\n" + Block << QByteArray("127.0.0.1\tlocalhost\n\n");
-        QTest::newRow("earlier block replaced, blank lines trimmed") << "\n\n127.0.0.1\tlocalhost\n" + Begin + "192.0.2.1\ttarvex.com\n" + End + "\n\n" << "127.0.0.1\tlocalhost\n" + Block << QByteArray("127.0.0.1\tlocalhost\n\n");
-        QTest::newRow("only a block") << Block << "\n" + Block << QByteArray("\n\n");
-        QTest::newRow("someone else's begin line before user lines") << Begin + "10.0.0.1 printer\n" << Begin + "10.0.0.1 printer\n" + Block << Begin + "10.0.0.1 printer\n\n";
-        QTest::newRow("stray end line before the block") << End + "10.0.0.1\tprinter\n" << End + "10.0.0.1\tprinter\n" + Block << End + "10.0.0.1\tprinter\n\n";
-        QTest::newRow("markers that are not whole lines") << "x" + Begin + "10.0.0.2\tnas\n" + End.chopped(1) + " x\n" << "x" + Begin + "10.0.0.2\tnas\n" + End.chopped(1) + " x\n" + Block << "x" + Begin + "10.0.0.2\tnas\n" + End.chopped(1) + " x\n\n";
-        QTest::newRow("bytes that are not UTF-8") << QByteArray("10.0.0.3\tcaf\xe9\n") << "10.0.0.3\tcaf\xe9\n" + Block << QByteArray("10.0.0.3\tcaf\xe9\n\n");
+        row("no final line feed", "127.0.0.1\tlocalhost", "127.0.0.1\tlocalhost\n" + Block);
+        row("an earlier block replaced where it is", "\n127.0.0.1\tlocalhost\n" + earlier + "\n::1\tlocalhost\n", "\n127.0.0.1\tlocalhost\n" + Block + "\n::1\tlocalhost\n", "\n127.0.0.1\tlocalhost\n\n::1\tlocalhost\n");
+        row("only a block", Block, Block, "");
+        row("an empty file", "", Block);
+        row("someone else's begin line before user lines", Begin + "10.0.0.1 printer\n", Begin + "10.0.0.1 printer\n" + Block);
+        row("stray end line before the block", End + "10.0.0.1\tprinter\n", End + "10.0.0.1\tprinter\n" + Block);
+        row("markers that are not whole lines", "x" + Begin + "10.0.0.2\tnas\n" + End.chopped(1) + " x\n", "x" + Begin + "10.0.0.2\tnas\n" + End.chopped(1) + " x\n" + Block);
+        row("bytes that are not UTF-8 and blank lines", "10.0.0.3\tcaf\xe9\n\n\n\n", "10.0.0.3\tcaf\xe9\n\n\n\n" + Block);
         // clang-format on
     }
 

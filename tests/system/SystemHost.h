@@ -32,6 +32,8 @@ class SystemHost : public SimulatedHost
 public:
     static constexpr const char *InstallDir = "/opt/tarvex";
     static constexpr const char *StateDir = "/var/lib/tarvex-sim";
+    static constexpr const char *JournalDir =
+        "/Library/Application Support/Tarvex/VpnService/Journal";
 
     // Empty when the host may be used; otherwise the reason to skip.
     static QString unavailableReason()
@@ -57,7 +59,7 @@ public:
         QDir().mkpath(InstallDir);
         replaceWithCopy(QString(InstallDir) + "/TarvexVpnService", binary("TarvexVpnService"));
         QFile::remove(QString(InstallDir) + "/amneziawg-go");
-        QDir("/Library/Application Support/Tarvex/VpnService/Journal").removeRecursively();
+        QDir(JournalDir).removeRecursively();
         QFile::remove("/var/run/tarvex-amneziawg"); // a link
         QDir("/var/run/tarvex-amneziawg").removeRecursively();
         QFile::remove(VpnServiceProtocol::socketPath());

@@ -308,12 +308,41 @@ private Q_SLOTS:
         QCOMPARE(host.daemon().state(), QProcess::Running);
     }
 
-    // Nothing a client sends can start a line of its own in the log.
+    // The network's resolver does not choose what leaves outside the tunnel:
+    // not the tunnel's own DNS servers or addresses, not loopback, and not
+    // an intranet address for a name that is not local.
+    void networkCannotSteerTheBypass()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        host.writeHostsFile("127.0.0.1\tlocalhost\n1.1.1.1\ttarvex.com\n127.0.0.1\ttarvex.com\n"
+                            "10.8.1.2\ttarvex.com\n198.51.100.10\ttarvex.com\n"
+                            "1.0.0.1\tintranet.example\n10.1.2.4\tintranet.example\n"
+                            "203.0.113.80\tintranet.example\n");
+        QVERIFY(host.startWithTunnel());
+        QCOMPARE(host.request(connectRequest(clientConfig(), 2, {"intranet.example"}))["status"],
+                 "connected");
+        QStringList around;
+        for (const QJsonValue &route : host.state()["routes"].toArray()) {
+            if (route["gateway"] == "192.168.1.1" && route["destination"] != "default")
+                around.append(route["destination"].toString());
+        }
+        around.sort();
+        QCOMPARE(around, (QStringList{"198.51.100.10", "203.0.113.5", "203.0.113.80"}));
+        QVERIFY(host.daemonLog().contains(
+            "not routed around the tunnel: \"tarvex.com\" \"1.1.1.1: the tunnel's own\""));
+    }
+
+    // Nothing a client sends can start a line of its own in the log, and a
+    // megabyte of it costs the log a few hundred bytes.
     void clientsCannotForgeLogLines()
     {
         REQUIRE_SANDBOX();
         SystemHost host;
         QVERIFY(host.startWithTunnel());
+        const qsizetype logged = host.daemonLog().toUtf8().size();
+        host.rawRequest({QByteArray(1024 * 1024 - 1, '\x01') + "\n"});
+        QVERIFY(host.daemonLog().toUtf8().size() - logged < 4096);
         const QString forged = "[MacVpnServiceServer] listening \"/private/tmp/FORGED\" euid= 0";
         host.rawRequest({"x\r" + forged.toUtf8() + "\u2028" + forged.toUtf8() + "\n"});
         host.request(hostileRequest({{"last", QJsonObject{{"Jc", "4\n" + forged}}}}));

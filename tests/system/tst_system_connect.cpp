@@ -68,10 +68,10 @@ const QStringList Transcript = {
     "route -n add -inet6 -net 8000::/1 -interface utun2",
     "networksetup -listallnetworkservices",
     "networksetup -getdnsservers Wi-Fi",
-    "networksetup -setdnsservers Wi-Fi 1.1.1.1 1.0.0.1",
     "networksetup -getdnsservers Ethernet",
-    "networksetup -setdnsservers Ethernet 1.1.1.1 1.0.0.1",
     "networksetup -getdnsservers Thunderbolt Bridge",
+    "networksetup -setdnsservers Wi-Fi 1.1.1.1 1.0.0.1",
+    "networksetup -setdnsservers Ethernet 1.1.1.1 1.0.0.1",
     "networksetup -setdnsservers Thunderbolt Bridge 1.1.1.1 1.0.0.1",
     "dscacheutil -flushcache",
     "killall -HUP mDNSResponder",
@@ -110,9 +110,7 @@ private Q_SLOTS:
         for (int cycle = 0; cycle < 2; ++cycle) {
             const qsizetype first = host.calls().size();
             QCOMPARE(host.request(request), connected);
-            // The first pin and unpin leave one more line feed; later cycles add none.
-            const QByteArray kept = cycle == 0 ? Hosts : Hosts + "\n";
-            QCOMPARE(host.hostsFile(), kept +
+            QCOMPARE(host.hostsFile(), Hosts +
                                            "# BEGIN TARVEX_VPN_CLIENT\n198.51.100.10\ttarvex.com\n"
                                            "# END TARVEX_VPN_CLIENT\n");
             QCOMPARE(host.request(StatusRequest), connected);
@@ -120,7 +118,7 @@ private Q_SLOTS:
             QTest::qWait(1000); // for the monitor's first look
             QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
             QCOMPARE(host.stateBytes(), before);
-            QCOMPARE(host.hostsFile(), Hosts + "\n");
+            QCOMPARE(host.hostsFile(), Hosts);
             QStringList calls;
             for (const QStringList &call : host.calls().mid(first))
                 calls.append(call.join(' '));
@@ -142,9 +140,10 @@ private Q_SLOTS:
             << QStringList{"10.1.2.3", "2001:db8::/32", "intranet.example", "nowhere.invalid|10.1.2.5"}
             << QStringList{"10.1.2.3@utun2", "2001:db8::/32@utun2", "10.1.2.4@utun2", "10.1.2.5@utun2"}
             << "192.168.1.1";
+        // A private address is excluded only for a name that is itself local.
         QTest::newRow("exclusions") << 2
-            << QStringList{"203.0.113.0/24", "2001:db8::/32", "intranet.example"}
-            << QStringList{"203.0.113.0/24@192.168.1.1", "10.1.2.4@192.168.1.1", "0.0.0.0/1@utun2"}
+            << QStringList{"203.0.113.0/24", "2001:db8::/32", "intranet.example", "nas.home.arpa"}
+            << QStringList{"203.0.113.0/24@192.168.1.1", "10.1.2.6@192.168.1.1", "0.0.0.0/1@utun2"}
             << Vpn;
         // clang-format on
     }
@@ -157,7 +156,7 @@ private Q_SLOTS:
         QFETCH(QStringList, routed);
         QFETCH(QString, wifiDns);
         SystemHost host;
-        host.writeHostsFile(Hosts + "10.1.2.4\tintranet.example\n");
+        host.writeHostsFile(Hosts + "10.1.2.4\tintranet.example\n10.1.2.6\tnas.home.arpa\n");
         QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
         QCOMPARE(host.request(connectRequest(clientConfig(), mode, destinations))["status"],
@@ -468,7 +467,7 @@ private Q_SLOTS:
             reply(true, "error", "VPN-туннель прервался: amneziawg-go неожиданно завершился");
         QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), dead, 5000);
         QCOMPARE(host.stateBytes(), before);
-        QCOMPARE(host.hostsFile(), Hosts + "\n");
+        QCOMPARE(host.hostsFile(), Hosts);
         QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
     }
 

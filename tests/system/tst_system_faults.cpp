@@ -15,9 +15,7 @@
 
 namespace {
 
-// Ends with an empty line, the one form that pinning and unpinning leave
-// byte for byte as it was.
-const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com\n\n";
+const QByteArray Hosts = "127.0.0.1\tlocalhost\n198.51.100.10\ttarvex.com";
 
 // Full tunnel with an exclusion: every kind of host change there is.
 const QJsonObject Everything = connectRequest(clientConfig(), 2, {"203.0.113.0/24"});
@@ -82,17 +80,29 @@ private Q_SLOTS:
                     qlonglong(killPoints));
     }
 
-    // Killed while connected, its tunnel program left running: the next start
-    // finds our routes into the utun still there and deletes them itself,
-    // rather than relying on the kernel dropping them with the utun.
+    // Killed while connected to a server named by a host name, its tunnel
+    // program left running: the next start finds our routes into the utun
+    // still there and deletes them itself, rather than relying on the kernel
+    // dropping them with the utun, and knows the one address the server
+    // route went to.
     void removesLeftoverRoutesAtStart()
     {
         REQUIRE_SANDBOX();
         start();
-        QCOMPARE(host->request(Everything)["status"], "connected");
+        host->writeHostsFile(Hosts + "\n203.0.113.5\tvpn.example\n");
+        ParsedVpnConfig named = clientConfig({{"hostName", "vpn.example"}});
+        named.hostName = "vpn.example";
+        QCOMPARE(host->request(connectRequest(named))["status"], "connected");
+        QVERIFY(
+            host->state()["routes"].toArray().contains(QJsonObject{{"family", "inet"},
+                                                                   {"destination", "203.0.113.5"},
+                                                                   {"type", "-host"},
+                                                                   {"gateway", "192.168.1.1"},
+                                                                   {"interface", "en0"}}));
         ::kill(pid_t(host->daemon().processId()), SIGKILL);
         QVERIFY(host->daemon().waitForFinished(10000));
         const qsizetype first = host->calls().size();
+        host->writeHostsFile(Hosts);
         QVERIFY(restored());
         const QList<QStringList> calls = host->calls().mid(first);
         for (const QString &half : {"-net 0.0.0.0/1", "-net 128.0.0.0/1", "-inet6 -net ::/1"})
@@ -100,8 +110,42 @@ private Q_SLOTS:
                      qPrintable(half));
     }
 
-    // Routes and the utun are gone after a restart of the machine; DNS
-    // settings and /etc/hosts are not.
+    // A disconnect whose undo fails in part: one service's DNS servers and
+    // the server route stay, kept in the journal with their errors, and the
+    // status says so. The timer finishes the undo; the next time a restart
+    // does, after a crash.
+    void failedUndoIsKeptAndFinished()
+    {
+        REQUIRE_SANDBOX();
+        start();
+        const QStringList failing = {"fail:networksetup -setdnsservers Wi-Fi",
+                                     "fail:route -n delete -host 203.0.113.5"};
+        const QString left = "Не удалось вернуть прежние настройки системы: DNS службы «Wi-Fi», "
+                             "маршрут 203.0.113.5. Служба повторит попытку сама";
+        for (const bool crash : {false, true}) {
+            QCOMPARE(host->request(Everything)["status"], "connected");
+            host->setFaults(failing);
+            QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
+            const QJsonObject details = host->request({{"command", "details"}});
+            const QJsonArray pending = details["details"]["pendingUndo"].toArray();
+            QCOMPARE(pending.size(), 2);
+            QCOMPARE(pending[1]["error"], "route: writing to routing socket: simulated failure");
+            host->setFaults({});
+            if (crash) {
+                ::kill(pid_t(host->daemon().processId()), SIGKILL);
+                QVERIFY(host->daemon().waitForFinished(10000));
+                QVERIFY(host->startDaemon());
+            }
+            QTRY_COMPARE_WITH_TIMEOUT(host->request(StatusRequest), reply(true, "disconnected"),
+                                      20000);
+            QVERIFY(restored());
+        }
+    }
+
+    // Routes, utun interfaces and processes are gone after a restart of the
+    // machine; DNS settings and /etc/hosts are not. Another program may hold
+    // the very utunN ours had, with routes like ours: recorded in another
+    // boot, our routes are known to be gone, and its routes stay.
     void machineRestartedWhileConnected()
     {
         REQUIRE_SANDBOX();
@@ -111,10 +155,30 @@ private Q_SLOTS:
         ::kill(pid_t(host->tunnelPid()), SIGKILL);
         QVERIFY(host->daemon().waitForFinished(10000));
         QJsonObject rebooted = QJsonDocument::fromJson(before).object();
+        QJsonObject interfaces = rebooted["interfaces"].toObject();
+        interfaces.insert("utun2", QJsonObject{{"mtu", 1420}, {"up", true}, {"owner", ::getpid()}});
+        rebooted.insert("interfaces", interfaces);
+        QJsonArray routes = rebooted["routes"].toArray();
+        for (const char *half : {"0.0.0.0/1", "128.0.0.0/1"})
+            routes.append(QJsonObject{{"family", "inet"},
+                                      {"destination", half},
+                                      {"type", "-net"},
+                                      {"gateway", "utun2"},
+                                      {"interface", "utun2"}});
+        rebooted.insert("routes", routes);
+        const QByteArray another = QJsonDocument(rebooted).toJson();
         rebooted.insert("services", host->state().value("services"));
         host->writeState(rebooted);
-        QVERIFY(host->stateBytes() != before);
-        QVERIFY(restored());
+        QFile session(QString(SystemHost::JournalDir) + "/session.json");
+        QVERIFY(session.open(QIODevice::ReadWrite));
+        QJsonObject journal = QJsonDocument::fromJson(session.readAll()).object();
+        journal.insert("boot", "a boot before this one");
+        session.resize(0);
+        session.write(QJsonDocument(journal).toJson());
+        session.close();
+        QVERIFY(host->startDaemon());
+        QCOMPARE(host->stateBytes(), another);
+        QCOMPARE(host->hostsFile(), Hosts);
     }
 
     // A set-up command failing or hanging at a random step, the tunnel
