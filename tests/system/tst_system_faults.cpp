@@ -105,9 +105,9 @@ private Q_SLOTS:
         host->writeHostsFile(Hosts);
         QVERIFY(restored());
         const QList<QStringList> calls = host->calls().mid(first);
-        for (const QString &half : {"-net 0.0.0.0/1", "-net 128.0.0.0/1", "-inet6 -net ::/1"})
-            QVERIFY2(calls.contains(QStringList{"route", "-n", "delete"} + half.split(' ')),
-                     qPrintable(half));
+        for (const char *half : {"-net 0.0.0.0/1", "-net 128.0.0.0/1", "-inet6 -net ::/1"})
+            QVERIFY2(calls.contains(QStringList{"route", "-n", "delete"} + QString(half).split(' ')),
+                     half);
     }
 
     // A disconnect whose undo fails in part: one service's DNS servers and
