@@ -32,6 +32,13 @@ constexpr auto NetstatTool = QLatin1String("/usr/sbin/netstat");
 constexpr auto NetworksetupTool = QLatin1String("/usr/sbin/networksetup");
 constexpr auto DscacheutilTool = QLatin1String("/usr/bin/dscacheutil");
 constexpr auto KillallTool = QLatin1String("/usr/bin/killall");
+constexpr auto PfctlTool = QLatin1String("/sbin/pfctl");
+
+// The kill switch's pf rules live in an anchor that the stock /etc/pf.conf
+// already evaluates: its "anchor \"com.apple/*\"" reaches one level down and
+// no further, and an anchor nothing references loads without error and is
+// never evaluated. Named to come before Apple's own anchors there.
+constexpr auto KillSwitchAnchor = QLatin1String("com.apple/050.tarvex.killswitch");
 
 // Who may command the service besides root: the user at the console, and the
 // members of the administrators' group.

@@ -88,8 +88,8 @@ bool memberOfAdministrators(uid_t uid)
 MacHostEnvironment::MacHostEnvironment()
     : ifconfigTool(IfconfigTool), routeTool(RouteTool), netstatTool(NetstatTool),
       networksetupTool(NetworksetupTool), dscacheutilTool(DscacheutilTool),
-      killallTool(KillallTool), runtimeDir(RuntimeDir), upstreamSocketDir(UpstreamSocketDir),
-      hostsFile(HostsFilePath), journalDir(JournalDir),
+      killallTool(KillallTool), pfctlTool(PfctlTool), runtimeDir(RuntimeDir),
+      upstreamSocketDir(UpstreamSocketDir), hostsFile(HostsFilePath), journalDir(JournalDir),
       lookupHost([](const QString &name) { return QHostInfo::fromName(name); }),
       consoleOwner(ownerOfConsole), isAdministrator(memberOfAdministrators)
 {

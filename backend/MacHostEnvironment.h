@@ -19,6 +19,7 @@ struct MacHostEnvironment
     QString networksetupTool;
     QString dscacheutilTool;
     QString killallTool;
+    QString pfctlTool;
 
     QString runtimeDir;
     QString upstreamSocketDir;

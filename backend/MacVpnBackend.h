@@ -39,6 +39,17 @@ public:
         QVariantList entries;
     };
 
+    // Opt-in, from the peer map's "killSwitch": nothing leaves outside the
+    // tunnel, from before the tunnel program starts until the user disconnects.
+    struct KillSwitchSettings
+    {
+        bool enabled = false;
+        bool allowLan = false;
+    };
+
+    // Whether a clean-up lifts the kill switch's block or keeps it in place.
+    enum class Block { Lift, Keep };
+
     struct RouteEntry
     {
         QString family;
@@ -67,7 +78,7 @@ public:
     // time, the undo steps still to be done. Nothing secret. False when not
     // connected or the tunnel program did not answer.
     bool refreshStatus(QVariantMap *details) override;
-    void cleanup();
+    void cleanup(Block block = Block::Lift);
     // True from the start of a connect until it has returned, also when a
     // disconnect has cancelled it and it is still unwinding.
     bool connectInProgress() const;
@@ -82,6 +93,8 @@ public:
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
+    bool runCommand(const QString &program, const QStringList &arguments, const QByteArray &input,
+                    QString *standardOutput, QString *standardError, int timeoutMs) const;
 
     // Tunnel program and its configuration socket.
     QString findTunnelBinary() const;
@@ -101,6 +114,7 @@ public:
     QStringList allowedIps(const ParsedVpnConfig &config) const;
     QString hexKey(const QString &key) const;
     SplitTunnelSettings splitTunnelFromPeer(const QVariantMap &peer) const;
+    KillSwitchSettings killSwitchFromPeer(const QVariantMap &peer) const;
 
     // Host network configuration.
     bool configureInterface(const ParsedVpnConfig &config);
@@ -172,7 +186,11 @@ private:
         QList<PendingRoute> routes;
         QMap<QString, PendingDns> dns;
         QString hostsBlock; // the error, while our block is still in the hosts file
-        bool isEmpty() const { return routes.isEmpty() && dns.isEmpty() && hostsBlock.isEmpty(); }
+        QString firewall;   // the error, while the kill switch's rules are still in force
+        bool isEmpty() const
+        {
+            return routes.isEmpty() && dns.isEmpty() && hostsBlock.isEmpty() && firewall.isEmpty();
+        }
     };
     void retryPendingUndo();
     // What is left, in the user's words; and for "details", each step with its error.
@@ -200,6 +218,17 @@ private:
     // One exchange on the configuration socket without a log line: for the
     // counters any caller may ask for.
     QString uapiQuery(const QString &payload, int timeoutMs) const;
+
+    // The kill switch (backend/host/KillSwitch.cpp): pf's rules in an anchor
+    // of ours and a reference that keeps pf enabled, both recorded first.
+    bool engageKillSwitch(const QString &endpoint, int port);
+    // Once the tunnel's interface and the routes around it are known.
+    bool updateKillSwitch();
+    QString liftKillSwitch();
+    bool loadFirewallRules(QString *error);
+    // The references that keep pf enabled, as "pfctl -s references" lists them.
+    QStringList firewallReferences() const;
+    QString killSwitchBlockingMessage() const;
 
     // Following the network while connected (backend/host/NetworkChange.cpp).
     void followNetworkChange();
@@ -251,6 +280,16 @@ private:
     QString tunnelIdentity;
     HostJournal journal;
     PendingUndo pendingUndo;
+    KillSwitchSettings killSwitch;
+    bool firewallEngaged = false; // our anchor holds rules, and pf may hold our reference
+    QString firewallToken;        // pf's reference, released so pf ends as enabled as it was
+    // Before "pfctl -E": the references there were then. Should the service
+    // die before it has recorded its own, that is the one that is new.
+    bool firewallEnabling = false;
+    QStringList firewallKnownReferences;
+    bool killSwitchBlocking = false; // kept after the tunnel failed, until the user decides
+    QString firewallEndpoint;
+    int firewallPort = 0;
     QTimer pendingRetry;
     int pendingRetries = 0;
     bool stoppingTunnel = false;

@@ -35,7 +35,8 @@ MacHostEnvironment FakeHost::environment() const
                               {&env.netstatTool, "netstat"},
                               {&env.networksetupTool, "networksetup"},
                               {&env.dscacheutilTool, "dscacheutil"},
-                              {&env.killallTool, "killall"}})
+                              {&env.killallTool, "killall"},
+                              {&env.pfctlTool, "pfctl"}})
         *tool = path(QString("tools/") + name);
     env.runtimeDir = path("run");
     env.hostsFile = hostsFile();

@@ -52,10 +52,15 @@ const char *const ParseHelp =
     "'=' padding in the string are ignored. Nothing is sent to the service.\n";
 
 const char *const ConnectHelp =
-    "Usage: tarvexctl connect STRING|@FILE|- [--only DEST...] [--exclude DEST...]\n"
+    "Usage: tarvexctl connect STRING|@FILE|- [--kill-switch [--allow-lan]]\n"
+    "                         [--only DEST... | --exclude DEST...]\n"
     "\n"
     "Parses the connection string locally (a bad string never reaches the service),\n"
     "then asks the service to connect and waits for the outcome.\n"
+    "\n"
+    "  --kill-switch       let nothing out or in outside the tunnel until you\n"
+    "                      disconnect, also if the tunnel fails (pf)\n"
+    "  --allow-lan         with --kill-switch, still reach the local networks\n"
     "\n"
     "Split tunnelling (DEST is an address, a range such as 10.0.0.0/8, or a host name):\n"
     "  --only DEST...      send only these destinations through the tunnel\n"
@@ -64,7 +69,8 @@ const char *const ConnectHelp =
 const char *const StatusHelp =
     "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of "
     "the current connection; while connected, also the interface, the endpoint, how long the "
-    "tunnel has been up, its last handshake and the bytes received and sent.\n";
+    "tunnel has been up, its last handshake and the bytes received and sent; and whether the "
+    "kill switch is on or blocking, and what is still to be undone.\n";
 const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the "
                                    "service restores routes, DNS and /etc/hosts.\n";
 
@@ -157,13 +163,22 @@ QString duration(qint64 seconds)
 
 void printDetails(const QJsonObject &details)
 {
+    if (details.contains(QLatin1String("killSwitch")))
+        out() << "kill switch: " << details.value(QLatin1String("killSwitch")).toString() << '\n';
+    for (const QJsonValue &step : details.value(QLatin1String("pendingUndo")).toArray())
+        out() << "still to undo: " << step[QLatin1String("what")].toString() << " ("
+              << step[QLatin1String("error")].toString() << ")\n";
+    if (!details.contains(QLatin1String("interface")))
+        return; // not connected
     out() << "interface " << details.value(QLatin1String("interface")).toString() << ", endpoint "
           << details.value(QLatin1String("endpoint")).toString() << ", up "
           << duration(details.value(QLatin1String("uptimeSeconds")).toInteger()) << '\n';
     if (!details.contains(QLatin1String("lastHandshake")))
         return; // the tunnel program did not answer
+    // Both in whole seconds, read a moment apart: no handshake is older than the tunnel.
     const qint64 handshake = details.value(QLatin1String("lastHandshake")).toInteger();
-    const qint64 age = QDateTime::currentSecsSinceEpoch() - handshake;
+    const qint64 age = qMin(QDateTime::currentSecsSinceEpoch() - handshake,
+                            details.value(QLatin1String("uptimeSeconds")).toInteger());
     out() << (handshake == 0
                   ? QStringLiteral("no handshake yet")
                   : QStringLiteral("last handshake %1 ago").arg(duration(qMax(age, 0LL))))
@@ -261,8 +276,14 @@ int runConnect(const QStringList &args, bool json)
     QString source;
     int mode = 0;
     QJsonArray entries;
+    bool killSwitch = false;
+    bool allowLan = false;
     for (const QString &arg : args) {
-        if (arg == QLatin1String("--only") || arg == QLatin1String("--exclude")) {
+        if (arg == QLatin1String("--kill-switch")) {
+            killSwitch = true;
+        } else if (arg == QLatin1String("--allow-lan")) {
+            allowLan = true;
+        } else if (arg == QLatin1String("--only") || arg == QLatin1String("--exclude")) {
             const int wanted = arg == QLatin1String("--only") ? 1 : 2;
             if (mode != 0 && mode != wanted)
                 return usage(QStringLiteral("--only and --exclude cannot be combined"));
@@ -282,6 +303,8 @@ int runConnect(const QStringList &args, bool json)
     if (mode != 0 && entries.isEmpty())
         return usage(QStringLiteral("%1 needs at least one destination")
                          .arg(mode == 1 ? QStringLiteral("--only") : QStringLiteral("--exclude")));
+    if (allowLan && !killSwitch)
+        return usage(QStringLiteral("--allow-lan goes with --kill-switch"));
 
     QString text;
     VpnConfigParseResult result;
@@ -289,6 +312,10 @@ int runConnect(const QStringList &args, bool json)
         return Refused;
 
     QJsonObject peer{{QStringLiteral("config"), text.trimmed()}};
+    if (killSwitch)
+        peer.insert(
+            QStringLiteral("killSwitch"),
+            QJsonObject{{QStringLiteral("enabled"), true}, {QStringLiteral("allowLan"), allowLan}});
     if (mode != 0)
         peer.insert(QStringLiteral("splitTunnel"),
                     QJsonObject{{QStringLiteral("enabled"), true},
@@ -316,8 +343,9 @@ int runSimple(const char *command, const QStringList &args, bool json)
         return report(exchangeWithProgress(request, ShortTimeoutMs, "disconnecting"), json);
     const ServiceReply status = exchangeWithService(request, ShortTimeoutMs);
     const int code = report(status, json);
-    // While connected, how the tunnel is doing: a second reply line with --json.
-    if (status.message.value(QLatin1String("status")).toString() == QLatin1String("connected")) {
+    // How the tunnel is doing, the kill switch, what is left to undo: a second
+    // reply line with --json.
+    if (status.reached) {
         const ServiceReply details = exchangeWithService(
             {{QStringLiteral("command"), QStringLiteral("details")}}, ShortTimeoutMs);
         if (details.reached && json)

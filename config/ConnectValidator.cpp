@@ -166,6 +166,20 @@ QString clientProblem(const ParsedVpnConfig &config)
     return amneziaProblem(client);
 }
 
+// Absent means off; present, it is an object of true and false.
+QString killSwitchProblem(const QVariantMap &peer)
+{
+    const QVariant setting = peer.value(QStringLiteral("killSwitch"));
+    if (!setting.isValid())
+        return QString();
+    const QVariantMap settings = setting.toMap();
+    bool valid = setting.typeId() == QMetaType::QVariantMap;
+    for (auto it = settings.cbegin(); it != settings.cend(); ++it)
+        valid = valid && it.value().typeId() == QMetaType::Bool &&
+                (it.key() == QLatin1String("enabled") || it.key() == QLatin1String("allowLan"));
+    return valid ? QString() : invalid(QStringLiteral("killSwitch"));
+}
+
 QString splitTunnelProblem(const QVariantMap &peer)
 {
     const QVariantMap settings = peer.value(QStringLiteral("splitTunnel")).toMap();
@@ -199,6 +213,8 @@ QString problem(const ParsedVpnConfig &config, const QVariantMap &peer)
         if (found.isEmpty() && !value.trimmed().isEmpty() && !NetworkText::isAddress(value))
             found = invalid(QLatin1String(field));
     }
+    if (found.isEmpty())
+        found = killSwitchProblem(peer);
     return found.isEmpty() ? splitTunnelProblem(peer) : found;
 }
 

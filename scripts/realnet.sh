@@ -7,6 +7,7 @@
 #          fd78::2/64                           fd78::1/64
 #   default via 192.168.77.1             lo: 198.18.0.1, fd77::1 (WireGuard endpoint)
 #   default via fd78::1                      198.18.0.53 (tarvex.com)
+#                                            198.18.0.80 (a site beyond the gateway)
 #   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24 (kernel or wireguard-go)
 #
 # realnet_second_uplink then plays the Mac joining another network: the
@@ -22,6 +23,7 @@ SERVER_TUNNEL_IP=10.77.0.1
 ENDPOINT=198.18.0.1
 ENDPOINT6=fd77::1
 CONTROL_PLANE=198.18.0.53
+SITE=198.18.0.80
 export MACSIM_STATE_DIR=/var/lib/tarvex-sim
 
 in_server() { ip netns exec "$SERVER_NS" "$@"; }
@@ -41,6 +43,25 @@ realnet_network() {
   in_server ip addr add "$ENDPOINT/32" dev lo
   in_server ip addr add "$ENDPOINT6/128" dev lo
   in_server ip addr add "$CONTROL_PLANE/32" dev lo
+  in_server ip addr add "$SITE/32" dev lo
+}
+
+# Kills the tunnel program's wireguard-go while connected, then pings the
+# site beyond the gateway, capturing what crosses the uplink meanwhile.
+# Prints whether the site answered, and how many packets left or came back
+# for anything but the endpoint (DHCP and IPv6 neighbour discovery aside).
+realnet_leak_check() {
+  pkill -KILL -f "wireguard-go -f utun"
+  sleep 1 # the service notices, and undoes the routes
+  tcpdump -i veth-c -n -U -w /tmp/leak.pcap 'ip or ip6' 2> /dev/null &
+  local capture=$! answered=no
+  sleep 0.5
+  ping -c 3 -i 0.3 -W 1 "$SITE" > /dev/null 2>&1 && answered=yes
+  sleep 0.3
+  kill "$capture"
+  wait "$capture"
+  echo "$answered $(tcpdump -r /tmp/leak.pcap -n "not (udp and host $ENDPOINT and port 51820)
+    and not (udp port 67 or udp port 68) and not (icmp6 and ip6[40] >= 133 and ip6[40] <= 136)" 2> /dev/null | wc -l)"
 }
 
 realnet_second_uplink() {
@@ -147,7 +168,7 @@ realnet_snapshot() {
   echo "# ip -4 route"; ip -4 route show
   echo "# ip -6 route"; ip -6 route show
   echo "# links"; ip -o link show | awk '{print $2}'
-  echo "# DNS (simulated)"; sed -n '/"services"/,$p' "$MACSIM_STATE_DIR/host.json"
+  echo "# DNS and pf (simulated)"; sed -n '/"services"/,$p' "$MACSIM_STATE_DIR/host.json"
 }
 
 realnet_handshake() {

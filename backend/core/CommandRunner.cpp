@@ -6,6 +6,14 @@
 bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
                                QString *standardOutput, QString *standardError, int timeoutMs) const
 {
+    return runCommand(program, arguments, QByteArray(), standardOutput, standardError, timeoutMs);
+}
+
+// The same, with what the tool reads on its standard input (pfctl's rules).
+bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
+                               const QByteArray &input, QString *standardOutput,
+                               QString *standardError, int timeoutMs) const
+{
     qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
 
     QProcess process;
@@ -16,6 +24,9 @@ bool MacVpnBackend::runCommand(const QString &program, const QStringList &argume
         qWarning() << "[MacVpnBackend] command start failed" << program << process.errorString();
         return false;
     }
+    if (!input.isEmpty())
+        process.write(input);
+    process.closeWriteChannel();
 
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();

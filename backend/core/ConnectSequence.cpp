@@ -27,12 +27,15 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
 
     splitTunnel = splitTunnelFromPeer(peer);
+    killSwitch = killSwitchFromPeer(peer);
     setError(QString());
     setStatus(Connecting);
     connectRunning = true;
     connectCancelled = false;
     const auto finished = qScopeGuard([this] { connectRunning = false; });
-    cleanup();
+    // A block still in place stays, so no packet slips out between two
+    // connects that both want it.
+    cleanup(killSwitch.enabled ? Block::Keep : Block::Lift);
     // Nothing new on top of what an earlier connection left and could not undo.
     if (!pendingUndo.isEmpty()) {
         qWarning() << "[MacVpnBackend] connect refused: earlier changes still to undo";
@@ -67,6 +70,14 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     if (resolved.hostName.isEmpty()) {
         qWarning() << "[MacVpnBackend] endpoint not resolved" << endpointHost(config);
         setError(tr("Не удалось определить адрес сервера %1").arg(endpointHost(config)));
+        return;
+    }
+
+    if (killSwitch.enabled && !engageKillSwitch(resolved.hostName, endpointPort(config))) {
+        qWarning() << "[MacVpnBackend] kill switch failed" << lastError();
+        const QString error = lastError();
+        cleanup();
+        setError(error);
         return;
     }
 
@@ -110,7 +121,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    if (!configureRoutes(resolved)) {
+    if (!configureRoutes(resolved) || !updateKillSwitch()) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
         cleanup();
         return;
@@ -156,7 +167,7 @@ void MacVpnBackend::disconnectVpn()
     Q_EMIT disconnected();
 }
 
-void MacVpnBackend::cleanup()
+void MacVpnBackend::cleanup(Block block)
 {
     qInfo() << "[MacVpnBackend] cleanup";
     retryPendingUndo();
@@ -165,6 +176,8 @@ void MacVpnBackend::cleanup()
     restoreDns();
     removeRoutes();
     stopTunnelProcess();
+    if (block == Block::Lift && pendingUndo.firewall.isEmpty())
+        pendingUndo.firewall = liftKillSwitch();
     flushDnsCache();
     tunnelInterface.clear();
     serverHost.clear();

@@ -81,6 +81,7 @@ bool MacVpnBackend::recoverHostChanges()
     serverHost.clear();
     physicalGateway.clear();
     stopRecordedTunnel();
+    killSwitchBlocking = firewallEngaged;
     flushDnsCache();
     saveJournal();
     qInfo() << "[MacVpnBackend] host changes of the earlier run undone"

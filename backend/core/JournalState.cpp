@@ -1,4 +1,5 @@
 // The backend's bookkeeping of host changes, as the journal keeps it on disk.
+#include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
 #include "backend/core/BootSession.h"
 #include "config/NetworkText.h"
@@ -99,6 +100,15 @@ HostJournal::Records MacVpnBackend::journalState() const
         routes.append(routeObject(route));
     if (!routes.isEmpty())
         session.insert(QStringLiteral("routes"), routes);
+    if (firewallEngaged)
+        session.insert(QStringLiteral("killSwitch"),
+                       QJsonObject{{QStringLiteral("anchor"), QString(KillSwitchAnchor)},
+                                   {QStringLiteral("token"), firewallToken},
+                                   {QStringLiteral("enabling"), firewallEnabling},
+                                   {QStringLiteral("knownTokens"),
+                                    QJsonArray::fromStringList(firewallKnownReferences)},
+                                   {QStringLiteral("blocking"), killSwitchBlocking},
+                                   {QStringLiteral("error"), pendingUndo.firewall}});
     QJsonArray pendingRoutes;
     for (const PendingRoute &pending : pendingUndo.routes) {
         QJsonObject route = routeObject(pending.route);
@@ -186,6 +196,25 @@ void MacVpnBackend::adoptJournalState(const HostJournal::Records &records)
                 installedRoutes.append(*route);
             else
                 ignored("route", value);
+        }
+        const QJsonObject firewall = session.value(QLatin1String("killSwitch")).toObject();
+        static const QRegularExpression digits(
+            QRegularExpression::anchoredPattern(QStringLiteral("[0-9]{0,20}")));
+        const QString token = firewall.value(QLatin1String("token")).toString();
+        bool valid = digits.match(token).hasMatch();
+        QStringList known;
+        for (const QJsonValue &value : firewall.value(QLatin1String("knownTokens")).toArray()) {
+            valid = valid && digits.match(value.toString()).hasMatch();
+            known.append(value.toString());
+        }
+        if (firewall.value(QLatin1String("anchor")) == QString(KillSwitchAnchor) && valid) {
+            firewallEngaged = true;
+            firewallToken = token;
+            firewallEnabling = firewall.value(QLatin1String("enabling")).toBool();
+            firewallKnownReferences = known;
+            pendingUndo.firewall = firewall.value(QLatin1String("error")).toString();
+        } else if (session.contains(QLatin1String("killSwitch"))) {
+            ignored("kill switch", firewall);
         }
         for (const QJsonValue &value : session.value(QLatin1String("pendingRoutes")).toArray()) {
             if (const auto route = routeFrom(value.toObject()))

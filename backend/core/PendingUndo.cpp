@@ -28,9 +28,12 @@ void MacVpnBackend::retryPendingUndo()
         pendingUndo.hostsBlock = removeHostsBlock();
         hostsPinned = !pendingUndo.hostsBlock.isEmpty();
     }
+    if (!pendingUndo.firewall.isEmpty())
+        pendingUndo.firewall = liftKillSwitch();
     for (PendingRoute &pending : pendingUndo.routes)
         pending.error = deleteRoute(pending.route);
-    pendingUndo.routes.removeIf([](const PendingRoute &pending) { return pending.error.isEmpty(); });
+    pendingUndo.routes.removeIf(
+        [](const PendingRoute &pending) { return pending.error.isEmpty(); });
     saveJournal();
 }
 
@@ -44,6 +47,8 @@ QVariantList MacVpnBackend::pendingUndoSteps() const
         step(tr("DNS службы «%1»").arg(it.key()), it->error);
     if (!pendingUndo.hostsBlock.isEmpty())
         step(tr("блок в %1").arg(host.hostsFile), pendingUndo.hostsBlock);
+    if (!pendingUndo.firewall.isEmpty())
+        step(tr("правила pf"), pendingUndo.firewall);
     for (const PendingRoute &pending : pendingUndo.routes)
         step(tr("маршрут %1").arg(pending.route.destination), pending.error);
     return steps;
@@ -90,8 +95,11 @@ void MacVpnBackend::retryPendingWhileIdle()
 
 void MacVpnBackend::reportRecovery()
 {
-    if (pendingUndo.isEmpty())
-        return;
-    setError(pendingUndoMessage());
-    schedulePendingRetry(true);
+    if (!pendingUndo.isEmpty()) {
+        setError(pendingUndoMessage());
+        schedulePendingRetry(true);
+    }
+    // The last run had the kill switch on: the block stays until the user decides.
+    if (killSwitchBlocking)
+        setError(killSwitchBlockingMessage());
 }

@@ -24,7 +24,7 @@ bool isPrivate(const QHostAddress &address)
 
 bool isLocalName(const QString &name)
 {
-    static const char *const suffixes[] = {".local",    ".lan",  ".home",     ".internal",
+    static const char *const suffixes[] = {".local",    ".lan",  ".home",      ".internal",
                                            ".intranet", ".corp", ".home.arpa", ".localdomain"};
     const QString lower = name.toLower().chopped(name.endsWith(QLatin1Char('.')) ? 1 : 0);
     for (const char *suffix : suffixes) {

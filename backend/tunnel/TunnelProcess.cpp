@@ -270,6 +270,15 @@ void MacVpnBackend::handleTunnelExit()
     qWarning() << "[MacVpnBackend] tunnel program exited while connected"
                << "exitStatus=" << tunnelProcess.exitStatus()
                << "exitCode=" << tunnelProcess.exitCode() << "output=" << tunnelOutput.right(2000);
+    // With the kill switch on, the routes and DNS are undone as ever, but
+    // nothing may leave outside the tunnel until the user decides.
+    if (firewallEngaged) {
+        cleanup(Block::Keep);
+        killSwitchBlocking = true;
+        saveJournal();
+        setError(killSwitchBlockingMessage());
+        return;
+    }
     cleanup();
     setError(tr("VPN-туннель прервался: amneziawg-go неожиданно завершился"));
 }

@@ -16,6 +16,9 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
     details->clear();
     if (!pendingUndo.isEmpty())
         details->insert(QStringLiteral("pendingUndo"), pendingUndoSteps());
+    if (firewallEngaged)
+        details->insert(QStringLiteral("killSwitch"),
+                        killSwitchBlocking ? QStringLiteral("blocking") : QStringLiteral("on"));
     if (currentStatus != Connected)
         return false;
     details->insert(QStringLiteral("interface"), tunnelInterface);

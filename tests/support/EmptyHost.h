@@ -11,8 +11,9 @@
 inline MacHostEnvironment emptyHost(const QTemporaryDir &dir)
 {
     MacHostEnvironment env;
-    for (QString *tool : {&env.ifconfigTool, &env.routeTool, &env.netstatTool,
-                          &env.networksetupTool, &env.dscacheutilTool, &env.killallTool})
+    for (QString *tool :
+         {&env.ifconfigTool, &env.routeTool, &env.netstatTool, &env.networksetupTool,
+          &env.dscacheutilTool, &env.killallTool, &env.pfctlTool})
         *tool = dir.filePath(QStringLiteral("absent-tool"));
     env.runtimeDir = dir.filePath(QStringLiteral("run"));
     env.hostsFile = dir.filePath(QStringLiteral("hosts"));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -39,11 +40,36 @@ public:
         return result;
     }
 
+    // The same, as command lines, from the given call on.
+    QStringList commandLines(qsizetype from = 0) const
+    {
+        QStringList lines;
+        for (const QStringList &call : calls().mid(from))
+            lines.append(call.join(' '));
+        return lines;
+    }
+
     void setFaults(const QStringList &rules) const
     {
         QFile file(dir + "/faults");
         if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
             file.write(rules.join('\n').toUtf8() + '\n');
+    }
+
+    // The pf rules in force, as the stock ruleset evaluates them: while pf is
+    // enabled, the anchors one level under com.apple/, and no others.
+    QStringList pfInForce() const
+    {
+        const QJsonObject pf = state().value("pf").toObject();
+        QStringList rules;
+        if (!pf["enabled"].toBool() && pf["tokens"].toArray().isEmpty())
+            return rules;
+        const QJsonObject anchors = pf["anchors"].toObject();
+        for (auto it = anchors.begin(); it != anchors.end(); ++it) {
+            if (it.key().startsWith("com.apple/") && it.key().count('/') == 1)
+                rules += it.value().toVariant().toStringList();
+        }
+        return rules;
     }
 
     // The process that holds a utun, 0 when none does.

@@ -187,6 +187,11 @@ public:
         return QJsonDocument::fromJson(line.left(line.indexOf('\n'))).object();
     }
 
+    QJsonObject details() const
+    {
+        return request({{"command", "details"}}).value("details").toObject();
+    }
+
     // Writes the pieces, with pauses between them, and returns what came back
     // up to the first line feed; empty when the daemon ends the exchange.
     QByteArray rawRequest(const QList<QByteArray> &pieces, int timeoutMs = 60000) const

@@ -5,6 +5,7 @@
 #include "SystemHost.h"
 
 #include <QLocalSocket>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <csignal>
@@ -119,10 +120,7 @@ private Q_SLOTS:
             QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
             QCOMPARE(host.stateBytes(), before);
             QCOMPARE(host.hostsFile(), Hosts);
-            QStringList calls;
-            for (const QStringList &call : host.calls().mid(first))
-                calls.append(call.join(' '));
-            QCOMPARE(calls, Transcript);
+            QCOMPARE(host.commandLines(first), Transcript);
         }
         const qsizetype calls = host.calls().size(); // nothing left to undo
         QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
@@ -273,6 +271,57 @@ private Q_SLOTS:
         }
         // A disconnect clears an error and cleans up again; others' routes stay.
         QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stateBytes(), before);
+    }
+
+    // The kill switch, beside another program's pf anchor and reference: in
+    // force from before the tunnel program starts, kept when the tunnel dies
+    // (the routes and DNS undone as ever), lifted by a disconnect and by a
+    // connect that fails. pf ends exactly as it was.
+    void killSwitch()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QJsonObject state = host.state();
+        QJsonObject pf = state["pf"].toObject();
+        pf.insert("tokens", QJsonArray{"1111"});
+        QJsonObject anchors = pf["anchors"].toObject();
+        anchors.insert("com.apple/300.another", QJsonArray{"pass quick on lo0 all"});
+        pf.insert("anchors", anchors);
+        state.insert("pf", pf);
+        host.writeState(state);
+        QVERIFY(host.startWithTunnel());
+        const QByteArray before = host.stateBytes();
+        QJsonObject peer = peerFor(clientConfig());
+        peer.insert("killSwitch", QJsonObject{{"enabled", true}});
+        const QJsonObject request = connectRequest(clientConfig(), peer);
+        const qsizetype first = host.calls().size();
+        QCOMPARE(host.request(request)["status"], "connected");
+        const QStringList calls = host.commandLines(first);
+        QVERIFY(calls.indexOf("pfctl -E") < calls.indexOf(QRegularExpression("route -n add.*")));
+        const QStringList inForce = host.pfInForce();
+        for (const char *rule :
+             {"pass quick on utun2 all", "pass out quick to 198.51.100.10 keep state",
+              "pass out quick proto udp from any to 203.0.113.5 port 51820 keep state",
+              "block drop quick all"})
+            QVERIFY2(inForce.contains(rule), rule);
+        QCOMPARE(host.details()["killSwitch"], "on");
+
+        ::kill(pid_t(host.tunnelPid()), SIGKILL);
+        const QString blocking = "VPN-туннель прервался: весь трафик заблокирован, пока вы не "
+                                 "подключитесь снова или не отключитесь";
+        QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), reply(true, "error", blocking),
+                                  5000);
+        QJsonObject blocked = QJsonDocument::fromJson(before).object();
+        blocked.insert("pf", host.state()["pf"]);
+        QCOMPARE(host.stateBytes(), QJsonDocument(blocked).toJson());
+        QVERIFY(host.pfInForce().contains("block drop quick all"));
+        QCOMPARE(host.details()["killSwitch"], "blocking");
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+        QCOMPARE(host.stateBytes(), before);
+
+        host.setFaults({"fail:ifconfig"});
+        QCOMPARE(host.request(request)["status"], "error");
         QCOMPARE(host.stateBytes(), before);
     }
 
