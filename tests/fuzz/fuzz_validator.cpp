@@ -76,31 +76,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!ConnectValidator::problem(config, peer).isEmpty())
         return 0;
 
-    static const QStringList keys = {"set",
-                                     "private_key",
-                                     "replace_peers",
-                                     "jc",
-                                     "jmin",
-                                     "jmax",
-                                     "s1",
-                                     "s2",
-                                     "s3",
-                                     "s4",
-                                     "h1",
-                                     "h2",
-                                     "h3",
-                                     "h4",
-                                     "i1",
-                                     "i2",
-                                     "i3",
-                                     "i4",
-                                     "i5",
-                                     "public_key",
-                                     "preshared_key",
-                                     "endpoint",
-                                     "replace_allowed_ips",
-                                     "persistent_keepalive_interval",
-                                     "allowed_ip"};
+    static const QStringList keys =
+        QString("set private_key replace_peers jc jmin jmax s1 s2 s3 s4 h1 h2 h3 h4 i1 i2 i3 i4 i5 "
+                "public_key preshared_key endpoint replace_allowed_ips "
+                "persistent_keepalive_interval allowed_ip")
+            .split(' ');
     const QString transaction = backend.uapiSetConfig(config);
     require(transaction.endsWith(QLatin1Char('\n')));
     for (const QString &line : transaction.chopped(1).split(QLatin1Char('\n'))) {

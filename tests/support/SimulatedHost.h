@@ -17,6 +17,15 @@ public:
     {
     }
 
+    // "family destination type gateway interface", as the stand-ins keep a route.
+    static QJsonObject route(const QString &words)
+    {
+        QJsonObject route;
+        for (const char *key : {"family", "destination", "type", "gateway", "interface"})
+            route.insert(key, words.section(' ', route.size(), route.size()));
+        return route;
+    }
+
     void reset() const { run({"reset"}); }
     // Puts the tools at their macOS paths, or into the given directory.
     void link(const QString &directory = QString()) const

@@ -163,18 +163,21 @@ private Q_SLOTS:
     void refusesRuntimeDirectoryItDidNotMake_data()
     {
         QTest::addColumn<bool>("link");
-        QTest::newRow("another user's directory") << false;
-        QTest::newRow("symbolic link") << true;
+        QTest::addColumn<uint>("owner");
+        QTest::newRow("another user's directory") << false << 65534u;
+        QTest::newRow("symbolic link") << true << 65534u;
+        QTest::newRow("symbolic link to a directory of root's") << true << 0u;
     }
 
     void refusesRuntimeDirectoryItDidNotMake()
     {
         REQUIRE_SANDBOX();
         QFETCH(bool, link);
+        QFETCH(uint, owner);
         SystemHost host;
         const QString planted = link ? QStringLiteral("/tmp/planted") : RuntimeDir;
         QVERIFY(QDir().mkpath(planted));
-        QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0);
+        QVERIFY(::chown(QFile::encodeName(planted).constData(), owner, owner) == 0);
         if (link)
             QVERIFY(QFile::link(planted, RuntimeDir));
         QVERIFY(append(planted + "/amn0.name", "utun9\n"));
@@ -259,6 +262,8 @@ private Q_SLOTS:
         QVERIFY(host.daemonLog().contains("command refused \"disconnect\" uid= 65534"));
         QCOMPARE(host.requestAs(user, StatusRequest), connected);
         QCOMPARE(host.request(StatusRequest), connected); // root sees it all
+        // Another who may command sees the status, not this connection's settings.
+        QCOMPARE(host.requestAs(user == 501 ? 502 : 501, StatusRequest), reply(true, "connected"));
         QCOMPARE(host.requestAs(user, DisconnectRequest), reply(true, "disconnected"));
         QCOMPARE(host.stateBytes(), before);
         ::umount("/dev/console");

@@ -35,14 +35,7 @@ bool hasRoute(const QJsonObject &state, const QString &destination, const QStrin
     return false;
 }
 
-// "family destination type gateway interface", as the stand-ins keep a route.
-QJsonObject route(const QString &words)
-{
-    QJsonObject route;
-    for (const char *key : {"family", "destination", "type", "gateway", "interface"})
-        route.insert(key, words.section(' ', route.size(), route.size()));
-    return route;
-}
+const auto route = SimulatedHost::route;
 
 QString dnsOf(const QJsonObject &state, const QString &service)
 {
@@ -200,6 +193,7 @@ private Q_SLOTS:
         row("operation not permitted", "eperm", "", "", "", 0, noInterface + "amneziawg-go не может создать utun-интерфейс без прав администратора. Нужен привилегированный daemon/helper.");
         row("never names interface", "noname", "", "", "", 0, noInterface + "не удалось получить имя utun-интерфейса");
         row("names Wi-Fi as its interface", "name=en0", "", "", "", 0, noInterface + "...");
+        row("names a utun and more", "name=utun2x", "", "", "", 0, noInterface + "...");
         row("built for another socket directory", "socket-dir=/var/run/wireguard", "", "", "", 0, noInterface + "amneziawg-go не открыл сокет настройки /var/run/tarvex-amneziawg/utun2.sock; он должен быть собран с каталогом сокетов /var/run/tarvex-amneziawg");
         row("errno 1", "errno=1", "", "", "", 0, refused);
         row("no reply", "no-reply", "", "", "", 0, refused);
@@ -480,6 +474,14 @@ private Q_SLOTS:
         QTest::qWait(1000);
         QCOMPARE(host.request(StatusRequest), reply(true, "connecting"));
         QCOMPARE(host.request(request), reply(false, "connecting", "connect already in progress"));
+        // A crowd that says nothing: room is made among them, never by
+        // closing the client whose connect is being served.
+        std::vector<std::unique_ptr<QLocalSocket>> crowd(80);
+        for (auto &silent : crowd) {
+            silent = std::make_unique<QLocalSocket>();
+            silent->connectToServer(VpnServiceProtocol::socketPath());
+        }
+        QTest::qWait(500);
 
         QLocalSocket disconnecting, connecting;
         for (QLocalSocket *socket : {&disconnecting, &connecting}) {

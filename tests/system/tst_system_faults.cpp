@@ -62,14 +62,15 @@ private:
     // The daemon, started again if it ended, has left the host as it was;
     // but for the kill switch's block, which after a crash stays until the
     // user disconnects.
-    bool restored()
+    bool restarted()
     {
         if (host->daemon().state() != QProcess::Running && !host->startDaemon())
             return false;
         if (host->request(StatusRequest)["status"] == "error")
             host->request(DisconnectRequest);
-        return host->stateBytes() == before && host->hostsFile() == Hosts;
+        return true;
     }
+    bool restored() { return restarted() && host->stateBytes() == before && host->hostsFile() == Hosts; }
 
 private Q_SLOTS:
     void killedAtEveryStep()
@@ -153,6 +154,60 @@ private Q_SLOTS:
         }
     }
 
+    // After a crash, someone else's route where one of ours was, or another
+    // process with the pid our tunnel program had: recovery leaves each alone
+    // and undoes the rest. A tunnel program recorded as starting, its pid
+    // not yet, is the orphan running it.
+    void recoveryTellsOursFromOthers_data()
+    {
+        QTest::addColumn<QString>("planted"); // a route, "pid" or "no pid"
+        QTest::newRow("another's route to the server") << "inet 203.0.113.5 -host 192.168.1.254 en0";
+        QTest::newRow("another VPN's half route") << "inet 128.0.0.0/1 -net utun1 utun1";
+        QTest::newRow("the tunnel program's pid taken") << "pid";
+        QTest::newRow("the tunnel program recorded without its pid") << "no pid";
+    }
+
+    void recoveryTellsOursFromOthers()
+    {
+        REQUIRE_SANDBOX();
+        QFETCH(QString, planted);
+        start();
+        QCOMPARE(host->request(Everything)["status"], "connected");
+        ::kill(pid_t(host->daemon().processId()), SIGKILL);
+        QVERIFY(host->daemon().waitForFinished(10000));
+        QProcess other;
+        QJsonObject expected = QJsonDocument::fromJson(before).object();
+        if (planted.endsWith("pid")) {
+            other.start("sleep", {"60"});
+            QVERIFY(other.waitForStarted());
+            QFile session(QString(SystemHost::JournalDir) + "/session.json");
+            QVERIFY(session.open(QIODevice::ReadWrite));
+            QJsonObject journal = QJsonDocument::fromJson(session.readAll()).object();
+            QJsonObject tunnel = journal["tunnel"].toObject();
+            if (planted == "pid")
+                ::kill(pid_t(tunnel["pid"].toInteger()), SIGKILL);
+            tunnel.insert("pid", planted == "pid" ? other.processId() : 0);
+            journal.insert("tunnel", tunnel);
+            session.resize(0);
+            session.write(QJsonDocument(journal).toJson());
+        } else {
+            QJsonObject state = host->state();
+            QJsonArray routes;
+            for (const QJsonValue &route : state["routes"].toArray()) {
+                if (route["destination"] != planted.section(' ', 1, 1))
+                    routes.append(route);
+            }
+            state.insert("routes", routes << SimulatedHost::route(planted));
+            host->writeState(state);
+            expected.insert("routes", expected["routes"].toArray() << SimulatedHost::route(planted));
+        }
+        QVERIFY(restarted());
+        QCOMPARE(host->stateBytes(), QJsonDocument(expected).toJson());
+        QVERIFY(!planted.endsWith("pid") || other.state() == QProcess::Running);
+        other.kill();
+        other.waitForFinished();
+    }
+
     // Routes, utun interfaces and processes are gone after a restart of the
     // machine; DNS settings and /etc/hosts are not. Another program may hold
     // the very utunN ours had, with routes like ours: recorded in another
@@ -180,6 +235,8 @@ private Q_SLOTS:
         const QByteArray another = QJsonDocument(rebooted).toJson();
         rebooted.insert("services", host->state().value("services"));
         host->writeState(rebooted);
+        QFile stray("/etc/.hosts.tarvex-Ab12Cd"); // a rewrite of /etc/hosts cut short
+        QVERIFY(stray.open(QIODevice::WriteOnly));
         QFile session(QString(SystemHost::JournalDir) + "/session.json");
         QVERIFY(session.open(QIODevice::ReadWrite));
         QJsonObject journal = QJsonDocument::fromJson(session.readAll()).object();
@@ -190,6 +247,7 @@ private Q_SLOTS:
         QVERIFY(host->startDaemon());
         QCOMPARE(host->stateBytes(), another);
         QCOMPARE(host->hostsFile(), Hosts);
+        QVERIFY(!stray.exists());
     }
 
     // A set-up command failing or hanging at a random step, the tunnel

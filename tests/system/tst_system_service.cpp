@@ -184,6 +184,44 @@ private Q_SLOTS:
         QCOMPARE(host.request(connectRequest())["status"], "connected");
     }
 
+    // A client that says nothing is closed once its own time is up, however
+    // many silent ones came after it.
+    void closesSilentClientsOnTime()
+    {
+        REQUIRE_SANDBOX();
+        shared.reset();
+        SystemHost host;
+        QVERIFY(host.startDaemon());
+        QLocalSocket first, second;
+        QElapsedTimer clock;
+        clock.start();
+        first.connectToServer(VpnServiceProtocol::socketPath());
+        QVERIFY(first.waitForConnected(1000));
+        QTest::qWait(2000);
+        second.connectToServer(VpnServiceProtocol::socketPath());
+        QVERIFY(second.waitForConnected(1000));
+        QVERIFY(first.waitForDisconnected(8000));
+        QVERIFY2(clock.elapsed() < 6000, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    // A socket file replaced under the service, not removed, leaves it as
+    // unreachable: it ends rather than serve nobody.
+    void endsWhenItsSocketFileIsReplaced()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startDaemon());
+        QCOMPARE(QProcess::execute("python3", {"-c",
+                                               "import os, socket, sys\n"
+                                               "socket.socket(socket.AF_UNIX).bind(sys.argv[1] + '.new')\n"
+                                               "os.rename(sys.argv[1] + '.new', sys.argv[1])",
+                                               VpnServiceProtocol::socketPath()}),
+                 0);
+        QVERIFY(host.daemon().waitForFinished(10000));
+        QCOMPARE(host.daemon().exitCode(), 1);
+        QVERIFY(host.daemonLog().contains("socket lost \"socket file replaced\""));
+    }
+
     // Unreachable, the older instance ends rather than run on for nobody;
     // the socket file it leaves is the newer one's.
     void secondInstanceTakesOver()
