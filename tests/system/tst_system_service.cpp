@@ -94,7 +94,8 @@ private Q_SLOTS:
     }
 
     // A socket file left by a crash is replaced, and the new one is 0666 in
-    // a directory of root's that is 0755, whatever the umask.
+    // a directory of root's that is 0755, whatever the umask and whatever
+    // mode the directory was left with.
     void replacesLeftoverSocket()
     {
         REQUIRE_SANDBOX();
@@ -102,6 +103,7 @@ private Q_SLOTS:
         SystemHost host;
         const QByteArray path = QFile::encodeName(VpnServiceProtocol::socketPath());
         QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        QCOMPARE(::chmod(QFile::encodeName(QFileInfo(path).path()).constData(), 0700), 0);
         QCOMPARE(QProcess::execute("python3", {"-c",
                                                "import socket, sys\n"
                                                "socket.socket(socket.AF_UNIX).bind(sys.argv[1])",
