@@ -58,6 +58,12 @@ public:
         return lines;
     }
 
+    // Runs one of the tools as a program on the host would.
+    QByteArray runTool(const QString &path, const QStringList &arguments) const
+    {
+        return run(arguments, QByteArray(), path);
+    }
+
     void setFaults(const QStringList &rules) const
     {
         QFile file(dir + "/faults");
@@ -99,13 +105,14 @@ protected:
     }
 
 private:
-    QByteArray run(const QStringList &arguments, const QByteArray &input = QByteArray()) const
+    QByteArray run(const QStringList &arguments, const QByteArray &input = QByteArray(),
+                   const QString &program = QString()) const
     {
         QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("MACSIM_STATE_DIR", dir);
         process.setProcessEnvironment(environment);
-        process.start(tool, arguments);
+        process.start(program.isEmpty() ? tool : program, arguments);
         process.write(input);
         process.closeWriteChannel();
         process.waitForFinished();
