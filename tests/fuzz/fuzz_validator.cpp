@@ -35,8 +35,11 @@ bool isRange(const QString &text)
     return digits && parts[1].toInt() <= (ipv6 ? 128 : 32);
 }
 
-bool isName(const QString &text)
+// A name may end in the root's dot, as an absolute name does.
+bool isName(QString text)
 {
+    if (text.endsWith(QLatin1Char('.')))
+        text.chop(1);
     for (const QString &label : text.split(QLatin1Char('.'))) {
         bool letters = !label.isEmpty() && !label.startsWith(QLatin1Char('-'));
         for (const QChar c : label)
