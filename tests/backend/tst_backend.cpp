@@ -7,8 +7,10 @@
 #include "EmptyHost.h"
 
 #include "backend/MacVpnBackend.h"
+#include "backend/core/HostJournal.h"
 
 #include <QFile>
+#include <QJsonArray>
 #include <QTest>
 
 #include <sys/stat.h>
@@ -164,6 +166,45 @@ private Q_SLOTS:
         QCOMPARE(read(), unpinned);
         backend.unpinControlPlaneHosts();
         QCOMPARE(read(), unpinned);
+    }
+
+    // Recovery undoes what the journal says, as root: a journal that anyone
+    // but the service could have written, or that a write left unfinished,
+    // is read as nothing at all.
+    void journalTrustedOnlyAsWritten_data()
+    {
+        QTest::addColumn<QString>("tamper");
+        QTest::addColumn<bool>("trusted");
+        QTest::newRow("as written") << "" << true;
+        QTest::newRow("writable by others") << "chmod" << false;
+        QTest::newRow("a symbolic link in its place") << "link" << false;
+        QTest::newRow("a pipe in its place, which would block the read") << "fifo" << false;
+        QTest::newRow("cut short") << "truncate" << false;
+        QTest::newRow("empty") << "empty" << false;
+    }
+
+    void journalTrustedOnlyAsWritten()
+    {
+        QFETCH(QString, tamper);
+        QFETCH(bool, trusted);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("Journal");
+        const QString session = path + "/session.json";
+        const QJsonObject route{{"routes", QJsonArray{"203.0.113.5"}}};
+        QString error;
+        QVERIFY(HostJournal(path).save({route, {}}, &error));
+        QFile file(session);
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        if (tamper == "chmod")
+            QVERIFY(file.setPermissions(file.permissions() | QFile::WriteOther));
+        else if (tamper == "link")
+            QVERIFY(file.rename(path + "/elsewhere.json") && QFile::link("elsewhere.json", session));
+        else if (tamper == "fifo")
+            QVERIFY(file.remove() && ::mkfifo(QFile::encodeName(session).constData(), 0600) == 0);
+        else if (!tamper.isEmpty())
+            QVERIFY(file.resize(tamper == "empty" ? 0 : file.size() / 2));
+        file.close();
+        QCOMPARE(HostJournal(path).load().session, trusted ? route : QJsonObject());
     }
 };
 
