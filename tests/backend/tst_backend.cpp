@@ -198,7 +198,8 @@ private Q_SLOTS:
         if (tamper == "chmod")
             QVERIFY(file.setPermissions(file.permissions() | QFile::WriteOther));
         else if (tamper == "link")
-            QVERIFY(file.rename(path + "/elsewhere.json") && QFile::link("elsewhere.json", session));
+            QVERIFY(file.rename(path + "/elsewhere.json") &&
+                    QFile::link("elsewhere.json", session));
         else if (tamper == "fifo")
             QVERIFY(file.remove() && ::mkfifo(QFile::encodeName(session).constData(), 0600) == 0);
         else if (!tamper.isEmpty())
