@@ -41,8 +41,8 @@ bool MacVpnBackend::engageKillSwitch(const QString &endpoint, int port)
     if (!enabling)
         return true;
     QString output;
-    const bool enabled = runCommand(host.pfctlTool, {QStringLiteral("-E")}, &output, &error,
-                                    CommandTimeoutMs);
+    const bool enabled =
+        runCommand(host.pfctlTool, {QStringLiteral("-E")}, &output, &error, CommandTimeoutMs);
     static const QRegularExpression token(QStringLiteral("Token : ([0-9]+)"));
     firewallToken = token.match(output + QLatin1Char('\n') + error).captured(1);
     firewallEnabling = firewallToken.isEmpty();
@@ -67,17 +67,18 @@ bool MacVpnBackend::updateKillSwitch()
 
 bool MacVpnBackend::loadFirewallRules(QString *error)
 {
-    FirewallRules::Allowed allowed{tunnelInterface, firewallEndpoint, firewallPort, {},
-                                   killSwitch.allowLan};
+    FirewallRules::Allowed allowed{
+        tunnelInterface, firewallEndpoint, firewallPort, {}, killSwitch.allowLan};
     allowed.around = controlPlaneBypassHosts;
     for (const RouteEntry &route : std::as_const(installedRoutes)) {
         if (route.via != tunnelInterface)
             allowed.around.append(route.destination);
     }
     QString output;
-    return runCommand(host.pfctlTool, {QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-f"),
-                                       QStringLiteral("-")},
-                      FirewallRules::text(allowed), &output, error, CommandTimeoutMs);
+    return runCommand(
+        host.pfctlTool,
+        {QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-f"), QStringLiteral("-")},
+        FirewallRules::text(allowed), &output, error, CommandTimeoutMs);
 }
 
 QStringList MacVpnBackend::firewallReferences() const
@@ -102,9 +103,10 @@ QString MacVpnBackend::liftKillSwitch()
     if (!firewallEngaged)
         return QString();
     QString error;
-    if (!runCommand(host.pfctlTool, {QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-F"),
-                                     QStringLiteral("all")},
-                    nullptr, &error, CommandTimeoutMs))
+    if (!runCommand(
+            host.pfctlTool,
+            {QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-F"), QStringLiteral("all")},
+            nullptr, &error, CommandTimeoutMs))
         return error.trimmed();
     if (firewallToken.isEmpty() && firewallEnabling) {
         QStringList added = firewallReferences();

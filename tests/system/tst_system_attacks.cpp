@@ -43,7 +43,8 @@ QJsonObject hostileRequest(const QJsonObject &change)
             object->insert(it.key(), it.value());
     }
     if (change.contains("split"))
-        peer.insert("splitTunnel", QJsonObject{{"enabled", true}, {"mode", 1}, {"entries", change["split"]}});
+        peer.insert("splitTunnel",
+                    QJsonObject{{"enabled", true}, {"mode", 1}, {"entries", change["split"]}});
     request.insert("config", change.contains("config") ? change.value("config") : record);
     request.insert("peer", peer);
     return request;
@@ -92,16 +93,19 @@ private Q_SLOTS:
         QFile rows("tests/system/hostile-values.json");
         QVERIFY(rows.open(QIODevice::ReadOnly));
         for (const QJsonValue &row : QJsonDocument::fromJson(rows.readAll()).array())
-            QTest::newRow(qPrintable(row["case"].toString())) << row.toObject() << row["error"].toString();
+            QTest::newRow(qPrintable(row["case"].toString()))
+                << row.toObject() << row["error"].toString();
         QJsonArray many, ranges;
         for (int i = 0; i < 513; ++i) {
             many.append(QJsonObject{{"value", QString("10.0.%1.%2").arg(i / 256).arg(i % 256)}});
             ranges.append(QString("10.%1.%2.0/24").arg(i / 256).arg(i % 256));
         }
-        QTest::newRow("257 split destinations") << QJsonObject{{"split", QJsonArray::fromVariantList(many.toVariantList().mid(0, 257))}}
-                                                << "Слишком много записей в splitTunnel: не больше 256";
-        QTest::newRow("513 allowed ranges") << QJsonObject{{"last", QJsonObject{{"allowed_ips", ranges}}}}
-                                            << "Слишком много записей в allowed_ips: не больше 512";
+        QTest::newRow("257 split destinations")
+            << QJsonObject{{"split", QJsonArray::fromVariantList(many.toVariantList().mid(0, 257))}}
+            << "Слишком много записей в splitTunnel: не больше 256";
+        QTest::newRow("513 allowed ranges")
+            << QJsonObject{{"last", QJsonObject{{"allowed_ips", ranges}}}}
+            << "Слишком много записей в allowed_ips: не больше 512";
     }
 
     void refusesHostileValues()

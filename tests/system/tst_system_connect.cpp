@@ -60,7 +60,8 @@ private Q_SLOTS:
         REQUIRE_SANDBOX();
         QFile file("tests/system/full-tunnel-transcript.txt");
         QVERIFY(file.open(QIODevice::ReadOnly));
-        const QStringList transcript = QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
+        const QStringList transcript =
+            QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
         SystemHost host;
         QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
@@ -171,9 +172,11 @@ private Q_SLOTS:
             QCOMPARE(answer["status"], "connected");
             for (const QJsonValue &expected : row["routes"].toArray()) {
                 const QString at = expected.toString();
-                QVERIFY2(hasRoute(host.state(), at.section('@', 0, 0), at.section('@', 1)), qPrintable(at));
+                QVERIFY2(hasRoute(host.state(), at.section('@', 0, 0), at.section('@', 1)),
+                         qPrintable(at));
             }
-            QCOMPARE(dnsOf(host.state(), "Wi-Fi"), row["fault"].toString().contains("networksetup") ? "192.168.1.1" : Vpn);
+            QCOMPARE(dnsOf(host.state(), "Wi-Fi"),
+                     row["fault"].toString().contains("networksetup") ? "192.168.1.1" : Vpn);
         } else {
             const QString error = answer["error"].toString();
             QVERIFY2(row.contains("errorStart") ? error.startsWith(row["errorStart"].toString())
@@ -310,7 +313,9 @@ private Q_SLOTS:
         QTest::qWait(1500); // the monitor's first look
         // A local user asking route for the default route now and then, on top.
         const auto ownCalls = [&host] {
-            return host.commandLines().filter(QRegularExpression("^(?!route -n get default$)")).size();
+            return host.commandLines()
+                .filter(QRegularExpression("^(?!route -n get default$)"))
+                .size();
         };
         const qsizetype calls = ownCalls(), logged = host.daemonLog().size();
         const qint64 cpu = host.cpuMs();

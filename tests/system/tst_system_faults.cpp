@@ -70,7 +70,10 @@ private:
             host->request(DisconnectRequest);
         return true;
     }
-    bool restored() { return restarted() && host->stateBytes() == before && host->hostsFile() == Hosts; }
+    bool restored()
+    {
+        return restarted() && host->stateBytes() == before && host->hostsFile() == Hosts;
+    }
 
 private Q_SLOTS:
     void killedAtEveryStep()
@@ -161,7 +164,8 @@ private Q_SLOTS:
     void recoveryTellsOursFromOthers_data()
     {
         QTest::addColumn<QString>("planted"); // a route, "pid" or "no pid"
-        QTest::newRow("another's route to the server") << "inet 203.0.113.5 -host 192.168.1.254 en0";
+        QTest::newRow("another's route to the server")
+            << "inet 203.0.113.5 -host 192.168.1.254 en0";
         QTest::newRow("another VPN's half route") << "inet 128.0.0.0/1 -net utun1 utun1";
         QTest::newRow("the tunnel program's pid taken") << "pid";
         QTest::newRow("the tunnel program recorded without its pid") << "no pid";
@@ -199,7 +203,8 @@ private Q_SLOTS:
             }
             state.insert("routes", routes << SimulatedHost::route(planted));
             host->writeState(state);
-            expected.insert("routes", expected["routes"].toArray() << SimulatedHost::route(planted));
+            expected.insert("routes", expected["routes"].toArray()
+                                          << SimulatedHost::route(planted));
         }
         QVERIFY(restarted());
         QCOMPARE(host->stateBytes(), QJsonDocument(expected).toJson());

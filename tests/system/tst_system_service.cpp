@@ -213,11 +213,12 @@ private Q_SLOTS:
         REQUIRE_SANDBOX();
         SystemHost host;
         QVERIFY(host.startDaemon());
-        QCOMPARE(QProcess::execute("python3", {"-c",
-                                               "import os, socket, sys\n"
-                                               "socket.socket(socket.AF_UNIX).bind(sys.argv[1] + '.new')\n"
-                                               "os.rename(sys.argv[1] + '.new', sys.argv[1])",
-                                               VpnServiceProtocol::socketPath()}),
+        QCOMPARE(QProcess::execute("python3",
+                                   {"-c",
+                                    "import os, socket, sys\n"
+                                    "socket.socket(socket.AF_UNIX).bind(sys.argv[1] + '.new')\n"
+                                    "os.rename(sys.argv[1] + '.new', sys.argv[1])",
+                                    VpnServiceProtocol::socketPath()}),
                  0);
         QVERIFY(host.daemon().waitForFinished(10000));
         QCOMPARE(host.daemon().exitCode(), 1);
