@@ -65,15 +65,19 @@ std::optional<MacVpnBackend::RouteEntry> routeFrom(const QJsonObject &object)
     return std::nullopt;
 }
 
-QStringList serversFrom(const QJsonValue &value, bool *valid)
+// A network service's DNS servers as recorded, or nothing.
+std::optional<QStringList> serversFrom(const QString &service, const QJsonValue &value)
 {
+    bool valid = value.isArray() && !service.trimmed().isEmpty() && isPrintable(service);
     QStringList servers;
-    *valid = value.isArray();
     for (const QJsonValue &server : value.toArray()) {
-        *valid = *valid && NetworkText::isAddress(server.toString());
+        valid = valid && NetworkText::isAddress(server.toString());
         servers.append(server.toString());
     }
-    return servers;
+    if (valid)
+        return servers;
+    ignored("DNS servers", QJsonObject{{service, value}});
+    return std::nullopt;
 }
 
 } // namespace
@@ -227,23 +231,15 @@ void MacVpnBackend::adoptJournalState(const HostJournal::Records &records)
 
     const QJsonObject dns = settings.value(QLatin1String("dns")).toObject();
     for (auto it = dns.begin(); it != dns.end(); ++it) {
-        bool valid = false;
-        const QStringList servers = serversFrom(it.value(), &valid);
-        if (valid && !it.key().trimmed().isEmpty() && isPrintable(it.key()))
-            savedDnsServers.insert(it.key(), servers);
-        else
-            ignored("DNS servers", QJsonObject{{it.key(), it.value()}});
+        if (const auto servers = serversFrom(it.key(), it.value()))
+            savedDnsServers.insert(it.key(), *servers);
     }
     const QJsonObject pendingDns = settings.value(QLatin1String("pendingDns")).toObject();
     for (auto it = pendingDns.begin(); it != pendingDns.end(); ++it) {
-        bool valid = false;
         const QJsonObject step = it.value().toObject();
-        const QStringList servers = serversFrom(step.value(QLatin1String("servers")), &valid);
-        if (valid && !it.key().trimmed().isEmpty() && isPrintable(it.key()))
+        if (const auto servers = serversFrom(it.key(), step.value(QLatin1String("servers"))))
             pendingUndo.dns.insert(it.key(),
-                                   {servers, step.value(QLatin1String("error")).toString()});
-        else
-            ignored("DNS servers", QJsonObject{{it.key(), it.value()}});
+                                   {*servers, step.value(QLatin1String("error")).toString()});
     }
     const QJsonObject block = settings.value(QLatin1String("hostsBlock")).toObject();
     hostsPinned = settings.contains(QLatin1String("hostsBlock"));
