@@ -70,9 +70,12 @@ void MacVpnBackend::moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayO
     QString &interfaceName = ipv6 ? serverRouteInterface : physicalInterface;
     qInfo() << "[MacVpnBackend] default gateway changed" << gateway << "->" << wayOut.gateway
             << "on" << wayOut.interface;
-    // Gone first; one that left with the old network is gone already.
-    for (const RouteEntry &route : routesAroundTunnel(ipv6))
-        deleteRoute(route);
+    // Gone first; one that left with the old network is gone already. One
+    // that will not go is kept for the undo, whatever becomes of its move.
+    for (const RouteEntry &route : routesAroundTunnel(ipv6)) {
+        if (const QString error = deleteRoute(route); !error.isEmpty())
+            pendingUndo.routes.append({route, error});
+    }
 
     const QString previous = gateway;
     gateway = wayOut.gateway;

@@ -129,7 +129,8 @@ private Q_SLOTS:
     // A disconnect whose undo fails in part: one service's DNS servers and
     // the server route stay, kept in the journal with their errors, and the
     // status says so. The timer finishes the undo; the next time a restart
-    // does, after a crash.
+    // does, after a crash; the last time the server route would not go when
+    // the gateway moved, and stays where it was.
     void failedUndoIsKeptAndFinished()
     {
         REQUIRE_SANDBOX();
@@ -138,15 +139,27 @@ private Q_SLOTS:
                                      "fail:route -n delete -host 203.0.113.5"};
         const QString left = "Не удалось вернуть прежние настройки системы: DNS службы «Wi-Fi», "
                              "маршрут 203.0.113.5. Служба повторит попытку сама";
-        for (const bool crash : {false, true}) {
+        const auto gateway = [this](const QString &address) {
+            QJsonObject state = host->state();
+            QJsonArray routes = state["routes"].toArray();
+            routes[0] = SimulatedHost::route("inet default -net " + address + " en0");
+            state.insert("routes", routes);
+            host->writeState(state);
+        };
+        for (const char *end : {"timer", "crash", "gateway moved"}) {
             QCOMPARE(host->request(Everything)["status"], "connected");
             host->setFaults(failing);
+            if (end == QLatin1String("gateway moved")) {
+                gateway("192.168.1.254");
+                QTRY_VERIFY(host->daemonLog().contains("route not moved \"203.0.113.5\""));
+            }
             QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
             const QJsonArray pending = host->details()["pendingUndo"].toArray();
             QCOMPARE(pending.size(), 2);
             QCOMPARE(pending[1]["error"], "route: writing to routing socket: simulated failure");
+            gateway("192.168.1.1");
             host->setFaults({});
-            if (crash) {
+            if (end == QLatin1String("crash")) {
                 ::kill(pid_t(host->daemon().processId()), SIGKILL);
                 QVERIFY(host->daemon().waitForFinished(10000));
                 QVERIFY(host->startDaemon());
