@@ -47,21 +47,27 @@ realnet_network() {
 }
 
 # Kills the tunnel program's wireguard-go while connected, then pings the
-# site beyond the gateway, capturing what crosses the uplink meanwhile.
-# Prints whether the site answered, and how many packets left or came back
-# for anything but the endpoint (DHCP and IPv6 neighbour discovery aside).
+# site beyond the gateway, capturing what the Mac sends on the uplink
+# meanwhile. Prints whether the site answered, and how many packets the Mac
+# sent for anything but the endpoint (DHCP and IPv6 neighbour discovery
+# aside), leaving them in /tmp/leaked.txt. What arrives unasked is the
+# network's doing, not a leak.
 realnet_leak_check() {
   pkill -KILL -f "wireguard-go -f utun"
   sleep 1 # the service notices, and undoes the routes
-  tcpdump -i veth-c -n -U -w /tmp/leak.pcap 'ip or ip6' 2> /dev/null &
+  # Immediate mode: otherwise the capture ring hands packets over in blocks,
+  # and those of the last block are lost when the capture is stopped.
+  tcpdump -i veth-c -Q out -n -U --immediate-mode -w /tmp/leak.pcap 'ip or ip6' 2> /tmp/leak.err &
   local capture=$! answered=no
-  sleep 0.5
+  for _ in $(seq 200); do grep -q "listening on" /tmp/leak.err && break; sleep 0.05; done
   ping -c 3 -i 0.3 -W 1 "$SITE" > /dev/null 2>&1 && answered=yes
   sleep 0.3
   kill "$capture"
   wait "$capture"
-  echo "$answered $(tcpdump -r /tmp/leak.pcap -n "not (udp and host $ENDPOINT and port 51820)
-    and not (udp port 67 or udp port 68) and not (icmp6 and ip6[40] >= 133 and ip6[40] <= 136)" 2> /dev/null | wc -l)"
+  tcpdump -r /tmp/leak.pcap -n -v "not (udp and host $ENDPOINT and port 51820)
+    and not (udp port 67 or udp port 68) and not (icmp6 and ip6[40] >= 133 and ip6[40] <= 136)" \
+    > /tmp/leaked.txt 2> /dev/null
+  echo "$answered $(grep -c '^[0-9]' /tmp/leaked.txt)"
 }
 
 realnet_second_uplink() {
