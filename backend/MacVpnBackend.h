@@ -156,6 +156,8 @@ private:
     bool runRoute(const QStringList &arguments, QString *failure, QString *answer = nullptr) const;
     // Deletes one of our routes; the error when it is still there.
     QString deleteRoute(const RouteEntry &route) const;
+    // Deletes it, or keeps it with its error to be undone later.
+    void deleteRouteOrKeep(const RouteEntry &route);
     // Read without a word on the routing socket, unlike "route get".
     RoutingTable readRoutingTable(bool ipv6) const;
 

@@ -70,10 +70,8 @@ bool MacVpnBackend::recoverHostChanges()
         routes.append(
             {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
     for (const RouteEntry &route : std::as_const(routes)) {
-        if (!routeStillInstalled(route))
-            continue;
-        if (const QString error = deleteRoute(route); !error.isEmpty())
-            pendingUndo.routes.append({route, error});
+        if (routeStillInstalled(route))
+            deleteRouteOrKeep(route);
     }
     installedRoutes.clear();
     controlPlaneBypassHosts.clear();

@@ -67,11 +67,8 @@ QStringList MacVpnBackend::addressesAroundTunnel(const QString &name) const
 void MacVpnBackend::removeControlPlaneBypass()
 {
     unpinControlPlaneHosts();
-    for (const QString &address : std::as_const(controlPlaneBypassHosts)) {
-        const RouteEntry bypass{QStringLiteral("inet"), address, QStringLiteral("-host"),
-                                physicalGateway};
-        if (const QString error = deleteRoute(bypass); !error.isEmpty())
-            pendingUndo.routes.append({bypass, error});
-    }
+    for (const QString &address : std::as_const(controlPlaneBypassHosts))
+        deleteRouteOrKeep(
+            {QStringLiteral("inet"), address, QStringLiteral("-host"), physicalGateway});
     controlPlaneBypassHosts.clear();
 }

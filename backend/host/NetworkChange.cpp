@@ -72,10 +72,8 @@ void MacVpnBackend::moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayO
             << "on" << wayOut.interface;
     // Gone first; one that left with the old network is gone already. One
     // that will not go is kept for the undo, whatever becomes of its move.
-    for (const RouteEntry &route : routesAroundTunnel(ipv6)) {
-        if (const QString error = deleteRoute(route); !error.isEmpty())
-            pendingUndo.routes.append({route, error});
-    }
+    for (const RouteEntry &route : routesAroundTunnel(ipv6))
+        deleteRouteOrKeep(route);
 
     const QString previous = gateway;
     gateway = wayOut.gateway;

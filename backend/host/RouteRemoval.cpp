@@ -14,10 +14,8 @@ void MacVpnBackend::removeRoutes()
     if (!serverRouteGateway.isEmpty() && !serverHost.isEmpty())
         removing.append(
             {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
-    for (const RouteEntry &route : std::as_const(removing)) {
-        if (const QString error = deleteRoute(route); !error.isEmpty())
-            pendingUndo.routes.append({route, error});
-    }
+    for (const RouteEntry &route : std::as_const(removing))
+        deleteRouteOrKeep(route);
     installedRoutes.clear();
     serverRouteGateway.clear();
     serverRouteInterface.clear();
@@ -34,6 +32,12 @@ QString MacVpnBackend::deleteRoute(const RouteEntry &route) const
     if (runRoute(arguments, &failure) || RouteReply::isNotInTable(failure))
         return QString();
     return failure;
+}
+
+void MacVpnBackend::deleteRouteOrKeep(const RouteEntry &route)
+{
+    if (const QString error = deleteRoute(route); !error.isEmpty())
+        pendingUndo.routes.append({route, error});
 }
 
 bool MacVpnBackend::runRoute(const QStringList &arguments, QString *failure, QString *answer) const
