@@ -3,6 +3,9 @@
 #include "backend/MacHostEnvironment.h"
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/HostJournal.h"
+#include "backend/core/PendingUndo.h"
+#include "backend/host/KillSwitch.h"
+#include "backend/host/RouteEntry.h"
 #include "backend/host/RouteMonitor.h"
 #include "backend/host/RoutingTable.h"
 
@@ -47,16 +50,22 @@ public:
         bool allowLan = false;
     };
 
-    // Whether a clean-up lifts the kill switch's block or keeps it in place.
+    // Owned by the service and kept across restarts: no traffic outside the
+    // tunnel whenever it is not up, from boot until the user turns it off.
+    struct AlwaysOnSettings
+    {
+        bool enabled = false;
+        bool allowLan = false;
+    };
+    // At most this long without the block, for a captive portal's login page.
+    static constexpr int MaxPauseSeconds = 120;
+
+    // Whether a clean-up ends what the user's connection asked of the block
+    // (a disconnect: the user has decided) or keeps it (the tunnel failed, the
+    // service stops, a connect failed or replaces the tunnel).
     enum class Block { Lift, Keep };
 
-    struct RouteEntry
-    {
-        QString family;
-        QString destination;
-        QString type;
-        QString via; // the gateway or the interface it points at
-    };
+    using RouteEntry = ::RouteEntry;
 
     explicit MacVpnBackend(QObject *parent = nullptr);
     explicit MacVpnBackend(MacHostEnvironment environment, QObject *parent = nullptr);
@@ -90,6 +99,18 @@ public:
     // step that failed.
     bool recoverHostChanges();
     void reportRecovery();
+    // Before the service listens: with always-on, or a block an earlier run
+    // left, the block is put in force at once, unless another instance still
+    // holds the journal (its block stays until this one takes over).
+    void engageBlockAtStart();
+
+    // Always-on, for those who may command; false with the error when refused.
+    bool setAlwaysOn(const AlwaysOnSettings &settings);
+    // Empty when paused, else why not.
+    QString pauseAlwaysOn(int seconds);
+    // For anyone: the setting and whether the block is verified in force;
+    // empty while it is off.
+    QVariantMap alwaysOnState() const;
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
@@ -154,51 +175,43 @@ private:
     // Runs route and judges it by what it printed (see RouteReply): false,
     // with the error as route printed it, when the kernel refused.
     bool runRoute(const QStringList &arguments, QString *failure, QString *answer = nullptr) const;
-    // Deletes one of our routes; the error when it is still there.
-    QString deleteRoute(const RouteEntry &route) const;
-    // Deletes it, or keeps it with its error to be undone later.
-    void deleteRouteOrKeep(const RouteEntry &route);
     // Read without a word on the routing socket, unlike "route get".
     RoutingTable readRoutingTable(bool ipv6) const;
 
     // The journal of host changes (backend/core/JournalState.cpp).
     HostJournal::Records journalState() const;
     void adoptJournalState(const HostJournal::Records &records);
+    void adoptSession(const QJsonObject &session);
+    // Locks the journal and takes in what an earlier run left, once.
+    bool takeOverJournal(int waitMs);
     // Writes the bookkeeping to the journal; recordHostChange also fails the
     // connect with a message when it cannot, so that no change goes unrecorded.
     bool saveJournal(QString *error = nullptr);
     bool recordHostChange();
-    bool routeStillInstalled(const RouteEntry &route) const;
     void stopRecordedTunnel();
 
-    // Undo steps that failed (backend/core/PendingUndo.cpp): kept, each with
-    // its last error, until an attempt succeeds.
-    struct PendingRoute
+    // Every undo, at a disconnect, on retry and at start-up, goes through
+    // these (backend/core/HostUndo.cpp): a step is undone only while what it
+    // undoes is still the service's; what the user or another program has
+    // made its own since is dropped from the record with a log line.
+    struct RouteTables
     {
-        RouteEntry route;
-        QString error;
+        RoutingTable inet;
+        RoutingTable inet6;
+        bool read = false;
     };
-    struct PendingDns
-    {
-        QStringList servers;
-        QString error;
-    };
-    struct PendingUndo
-    {
-        QList<PendingRoute> routes;
-        QMap<QString, PendingDns> dns;
-        QString hostsBlock; // the error, while our block is still in the hosts file
-        QString firewall;   // the error, while the kill switch's rules are still in force
-        bool isEmpty() const
-        {
-            return routes.isEmpty() && dns.isEmpty() && hostsBlock.isEmpty() && firewall.isEmpty();
-        }
-    };
+    RouteTables readRouteTables() const;
+    // Ours while it goes where ours went: by the same gateway, or through an
+    // interface our recorded tunnel program still holds.
+    bool routeIsOurs(const RouteEntry &route, const RouteTables &tables) const;
+    bool tunnelHolds(const QString &interfaceName) const;
+    // Deletes each route still ours, newest first; one that will not go is kept.
+    void undoRoutes(const QList<RouteEntry> &routes);
+    // Empty when done or no longer ours, else the error.
+    QString undoRoute(const RouteEntry &route, const RouteTables &tables) const;
+    QString undoDns(const QString &service, const QStringList &servers,
+                    const QStringList &tunnel) const;
     void retryPendingUndo();
-    // What is left, in the user's words; and for "details", each step with its error.
-    QString pendingUndoMessage() const;
-    QVariantList pendingUndoSteps() const;
-    void schedulePendingRetry(bool afresh);
     void retryPendingWhileIdle();
     // The primitives of the undo: empty when done, else the error.
     QString setDnsServers(const QString &service, const QStringList &servers) const;
@@ -221,16 +234,19 @@ private:
     // counters any caller may ask for.
     QString uapiQuery(const QString &payload, int timeoutMs) const;
 
-    // The kill switch (backend/host/KillSwitch.cpp): pf's rules in an anchor
-    // of ours and a reference that keeps pf enabled, both recorded first.
-    bool engageKillSwitch(const QString &endpoint, int port);
-    // Once the tunnel's interface and the routes around it are known.
-    bool updateKillSwitch();
-    QString liftKillSwitch();
-    bool loadFirewallRules(QString *error);
-    // The references that keep pf enabled, as "pfctl -s references" lists them.
-    QStringList firewallReferences() const;
+    // The block (backend/host/TrafficBlock.cpp): wanted while the user's
+    // connection holds its kill switch, or always-on is on and not paused;
+    // what it lets through follows the tunnel. False, with the error set,
+    // when it cannot be put in force.
+    bool blockWanted() const;
+    FirewallRules::Allowed blockRules() const;
+    bool updateBlock();
     QString killSwitchBlockingMessage() const;
+    // The route monitor runs while connected or blocking; the block is checked then.
+    void watchNetwork();
+    void endPause();
+    // An endpoint name's last address, used instead of a look-up the block forbids.
+    QString recordedEndpoint(const QString &name) const;
 
     // Following the network while connected (backend/host/NetworkChange.cpp).
     void followNetworkChange();
@@ -281,24 +297,26 @@ private:
     qint64 tunnelPid = 0;
     QString tunnelIdentity;
     HostJournal journal;
+    bool journalTaken = false;
+    QString recoveryError; // the block's, found off the event loop, told on it
     PendingUndo pendingUndo;
     KillSwitchSettings killSwitch;
-    bool firewallEngaged = false; // our anchor holds rules, and pf may hold our reference
-    QString firewallToken;        // pf's reference, released so pf ends as enabled as it was
-    // Before "pfctl -E": the references there were then. Should the service
-    // die before it has recorded its own, that is the one that is new.
-    bool firewallEnabling = false;
-    QStringList firewallKnownReferences;
-    bool killSwitchBlocking = false; // kept after the tunnel failed, until the user decides
+    // The user's connection asked for the block and has not ended: kept after
+    // the tunnel failed, a connect failed or the service stopped.
+    bool killSwitchHeld = false;
+    KillSwitch firewall;
+    AlwaysOnSettings alwaysOn;
+    QTimer pause;
+    // Named endpoints and the address each last went by.
+    QMap<QString, QString> endpointAddresses;
     QString firewallEndpoint;
     int firewallPort = 0;
-    QTimer pendingRetry;
-    int pendingRetries = 0;
     bool stoppingTunnel = false;
     qint64 tunnelOutputLogged = 0;
     QHash<QString, QHostInfo> resolvedNames;
     RouteMonitor routeMonitor;
     QStringList vpnDnsServers; // set on the network services while connected
+    QStringList tunnelDnsServers; // the connection's own, which the block lets through
     QString tunnelEndpoint;
     // The interface the tunnel program named, whether or not its
     // configuration socket then answered.

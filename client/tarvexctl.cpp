@@ -37,6 +37,7 @@ const char *const MainHelp =
     "  connect STRING|@FILE|-    bring the tunnel up (see: tarvexctl connect --help)\n"
     "  status                    show what the service is doing\n"
     "  disconnect                take the tunnel down and restore the host\n"
+    "  always-on on|off|pause    block traffic outside the tunnel whenever it is down\n"
     "\n"
     "Options:\n"
     "  --json       print the service's reply line as it came\n"
@@ -71,6 +72,15 @@ const char *const StatusHelp =
     "the current connection; while connected, also the interface, the endpoint, how long the "
     "tunnel has been up, its last handshake and the bytes received and sent; and whether the "
     "kill switch is on or blocking, and what is still to be undone.\n";
+const char *const AlwaysOnHelp =
+    "Usage: tarvexctl always-on on [--allow-lan] | off | pause SECONDS\n"
+    "\n"
+    "  on           from now on, and from every boot, let nothing out or in outside\n"
+    "               the tunnel whenever it is not up (pf); kept until turned off\n"
+    "  --allow-lan  with on, still reach the local networks\n"
+    "  off          lift the block (a connection's own kill switch stays)\n"
+    "  pause N      open the network for N seconds (at most 120), for the login\n"
+    "               page of a hotel or airport network; the block returns by itself\n";
 const char *const DisconnectHelp = "Usage: tarvexctl disconnect\n\nTakes the tunnel down; the "
                                    "service restores routes, DNS and /etc/hosts.\n";
 
@@ -123,6 +133,19 @@ void printReadable(const QJsonObject &reply)
     const QString error = reply.value(QLatin1String("error")).toString();
     if (!error.isEmpty())
         out() << "error: " << error << '\n';
+    const QJsonObject always = reply.value(QLatin1String("alwaysOn")).toObject();
+    if (always.value(QLatin1String("enabled")).toBool())
+        out() << "always on: on"
+              << (always.value(QLatin1String("allowLan")).toBool() ? ", LAN allowed" : "")
+              << (always.contains(QLatin1String("pausedSeconds"))
+                      ? QStringLiteral(", paused for %1 s more")
+                            .arg(always.value(QLatin1String("pausedSeconds")).toInt())
+                      : QString())
+              << (always.value(QLatin1String("verified")).toBool() ? ", block verified"
+                                                                   : ", block not verified")
+              << '\n';
+    else if (reply.contains(QLatin1String("alwaysOn")))
+        out() << "always on: off\n";
     const QJsonObject peer = reply.value(QLatin1String("peer")).toObject();
     if (!peer.isEmpty()) {
         // The connection string carries keys; show its size, not its text.
@@ -334,6 +357,28 @@ int runConnect(const QStringList &args, bool json)
     return report(exchangeWithProgress(request, ConnectTimeoutMs, "connecting"), json);
 }
 
+int runAlwaysOn(const QStringList &args, bool json)
+{
+    QJsonObject request{{QStringLiteral("command"), QStringLiteral("alwaysOn")}};
+    const QString verb = args.value(0);
+    if (verb == QLatin1String("on") &&
+        (args.size() == 1 || args.mid(1) == QStringList{QStringLiteral("--allow-lan")})) {
+        request.insert(QStringLiteral("enabled"), true);
+        request.insert(QStringLiteral("allowLan"), args.size() == 2);
+    } else if (verb == QLatin1String("off") && args.size() == 1) {
+        request.insert(QStringLiteral("enabled"), false);
+    } else if (verb == QLatin1String("pause") && args.size() == 2) {
+        bool number = false;
+        const int seconds = args[1].toInt(&number);
+        if (!number || seconds < 1 || seconds > 120)
+            return usage(QStringLiteral("pause takes a number of seconds from 1 to 120"));
+        request.insert(QStringLiteral("pause"), seconds);
+    } else {
+        return usage(QStringLiteral("always-on takes on [--allow-lan], off or pause SECONDS"));
+    }
+    return report(exchangeWithProgress(request, ShortTimeoutMs, "always-on"), json);
+}
+
 int runSimple(const char *command, const QStringList &args, bool json)
 {
     if (!args.isEmpty())
@@ -389,7 +434,8 @@ int main(int argc, char *argv[])
     static const Command commands[] = {{"parse", ParseHelp},
                                        {"connect", ConnectHelp},
                                        {"status", StatusHelp},
-                                       {"disconnect", DisconnectHelp}};
+                                       {"disconnect", DisconnectHelp},
+                                       {"always-on", AlwaysOnHelp}};
     if (command.isEmpty()) {
         (help ? out() : err()) << MainHelp;
         return help ? Ok : Usage;
@@ -413,5 +459,7 @@ int main(int argc, char *argv[])
         return runParse(rest, json);
     if (command == QLatin1String("connect"))
         return runConnect(rest, json);
+    if (command == QLatin1String("always-on"))
+        return runAlwaysOn(rest, json);
     return runSimple(chosen->name, rest, json);
 }

@@ -215,7 +215,26 @@ QString problem(const ParsedVpnConfig &config, const QVariantMap &peer)
     }
     if (found.isEmpty())
         found = killSwitchProblem(peer);
-    return found.isEmpty() ? splitTunnelProblem(peer) : found;
+    if (found.isEmpty())
+        found = splitTunnelProblem(peer);
+    const QVariantMap split = peer.value(QStringLiteral("splitTunnel")).toMap();
+    if (found.isEmpty() &&
+        peer.value(QStringLiteral("killSwitch"))
+            .toMap()
+            .value(QStringLiteral("enabled"))
+            .toBool() &&
+        split.value(QStringLiteral("enabled")).toBool() &&
+        split.value(QStringLiteral("mode")).toInt() == 1)
+        found = onlySelectedBlockedMessage();
+    return found;
+}
+
+QString onlySelectedBlockedMessage()
+{
+    return QCoreApplication::translate(
+        "ConnectValidator",
+        "Режим «только выбранные адреса через VPN» несовместим с блокировкой трафика вне "
+        "туннеля: весь остальной трафик был бы заблокирован");
 }
 
 } // namespace ConnectValidator

@@ -22,4 +22,8 @@ constexpr int MaxAmneziaPacketChars = 4096;
 // or an empty string when every value is.
 QString problem(const ParsedVpnConfig &config, const QVariantMap &peer);
 
+// Why "only selected" split tunnelling cannot go with a block of everything
+// outside the tunnel: everything else would be blocked.
+QString onlySelectedBlockedMessage();
+
 } // namespace ConnectValidator

@@ -24,6 +24,7 @@ ENDPOINT=198.18.0.1
 ENDPOINT6=fd77::1
 CONTROL_PLANE=198.18.0.53
 SITE=198.18.0.80
+LAN_HOST=192.168.77.1 # the gateway, and the LAN's DNS resolver
 export MACSIM_STATE_DIR=/var/lib/tarvex-sim
 
 in_server() { ip netns exec "$SERVER_NS" "$@"; }
@@ -44,30 +45,51 @@ realnet_network() {
   in_server ip addr add "$ENDPOINT6/128" dev lo
   in_server ip addr add "$CONTROL_PLANE/32" dev lo
   in_server ip addr add "$SITE/32" dev lo
+  in_server python3 "$ROOT/scripts/realnet-probe" serve "$LAN_HOST" "$CONTROL_PLANE" &
 }
 
-# Kills the tunnel program's wireguard-go while connected, then pings the
-# site beyond the gateway, capturing what the Mac sends on the uplink
-# meanwhile. Prints whether the site answered, and how many packets the Mac
-# sent for anything but the endpoint (DHCP and IPv6 neighbour discovery
-# aside), leaving them in /tmp/leaked.txt. What arrives unasked is the
-# network's doing, not a leak.
+# Kills the tunnel program's wireguard-go while connected, with a TCP
+# connection to the control-plane host open, then asks what still gets
+# through, capturing what the Mac sends on the uplink meanwhile. Prints
+# site=, lan=, dns= (a query to the LAN's resolver), dhcp=, held= (whether
+# that connection still carries data), each yes or no, and leaked=, the
+# packets the Mac sent for anything but the endpoint, DHCP, IPv6 neighbour
+# discovery and the LAN, leaving them in /tmp/leaked.txt. What arrives
+# unasked is the network's doing, not a leak.
 realnet_leak_check() {
+  rm -f /tmp/hold.go
+  "$ROOT/scripts/realnet-probe" hold "$CONTROL_PLANE" 443 /tmp/hold.go > /tmp/hold.out &
+  local holder=$!
+  for _ in $(seq 100); do grep -q open /tmp/hold.out && break; sleep 0.05; done
   pkill -KILL -f "wireguard-go -f utun"
-  sleep 1 # the service notices, and undoes the routes
+  # The service notices, undoes the routes and, with a block, puts it back
+  # without the tunnel; then it says so.
+  for _ in $(seq 200); do "$BIN/tarvexctl" status | grep -q "status: error" && break; sleep 0.05; done
   # Immediate mode: otherwise the capture ring hands packets over in blocks,
   # and those of the last block are lost when the capture is stopped.
   tcpdump -i veth-c -Q out -n -U --immediate-mode -w /tmp/leak.pcap 'ip or ip6' 2> /tmp/leak.err &
-  local capture=$! answered=no
+  local capture=$! reached
   for _ in $(seq 200); do grep -q "listening on" /tmp/leak.err && break; sleep 0.05; done
-  ping -c 3 -i 0.3 -W 1 "$SITE" > /dev/null 2>&1 && answered=yes
+  touch /tmp/hold.go
+  reached=$(realnet_reach)
+  wait "$holder"
   sleep 0.3
   kill "$capture"
   wait "$capture"
   tcpdump -r /tmp/leak.pcap -n -v "not (udp and host $ENDPOINT and port 51820)
-    and not (udp port 67 or udp port 68) and not (icmp6 and ip6[40] >= 133 and ip6[40] <= 136)" \
-    > /tmp/leaked.txt 2> /dev/null
-  echo "$answered $(grep -c '^[0-9]' /tmp/leaked.txt)"
+    and not (udp port 67 or udp port 68) and not (icmp6 and ip6[40] >= 133 and ip6[40] <= 136)
+    and not dst net 192.168.77.0/24" > /tmp/leaked.txt 2> /dev/null
+  echo "$reached held=$(tail -n 1 /tmp/hold.out) leaked=$(grep -c '^[0-9]' /tmp/leaked.txt)"
+}
+
+# What answers now: the site beyond the gateway, a host on the LAN, the LAN's
+# resolver, a DHCP server.
+realnet_reach() {
+  local site=no lan=no
+  ping -c 3 -i 0.3 -W 1 "$SITE" > /dev/null 2>&1 && site=yes
+  ping -c 1 -W 1 "$LAN_HOST" > /dev/null 2>&1 && lan=yes
+  echo "site=$site lan=$lan dns=$("$ROOT/scripts/realnet-probe" dns "$LAN_HOST")" \
+    "dhcp=$("$ROOT/scripts/realnet-probe" dhcp)"
 }
 
 realnet_second_uplink() {
@@ -143,12 +165,12 @@ print("vpn://" + base64.urlsafe_b64encode(packed).decode().rstrip("="))'
 realnet_connection_string() {
   local endpoint=${1:-$ENDPOINT}
   cat <<JSON | vpn_string
-{"containers":[{"container":"amnezia-wireguard","wireguard":{"last_config":{
+{"containers":[{"container":"office-wireguard","wireguard":{"last_config":{
    "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
    "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",
    "hostName":"$endpoint","port":51820,"mtu":"1420","persistent_keep_alive":"25",
    "allowed_ips":["0.0.0.0/0","::/0"]},"port":"51820","transport_proto":"udp"}}],
- "defaultContainer":"amnezia-wireguard","description":"Tarvex demo server",
+ "defaultContainer":"office-wireguard","description":"Tarvex demo server",
  "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$endpoint"}
 JSON
 }

@@ -63,6 +63,9 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
 
 bool MacVpnServiceServer::start()
 {
+    // With always-on, nothing leaves outside the tunnel from the first moment:
+    // the block comes before the socket, and before the undo of a crash.
+    backend.engageBlockAtStart();
     // Root's own: nobody else may create the socket, or anything in its place.
     QString error;
     if (!PrivateDirectory::ensure(QFileInfo(path).absolutePath(), &error, SocketDirectoryMode)) {
@@ -138,7 +141,7 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
     if (clientLog.allow(excerpt.size()))
         qInfo().noquote() << "[MacVpnServiceServer] request"
                           << document.object().value(QLatin1String("command")).toString()
-                          << "bytes=" << line.size() << "=" << excerpt;
+                          << "uid=" << caller << "bytes=" << line.size() << "=" << excerpt;
 
     // A connect may serve other clients while it waits for the tunnel; should
     // this client vanish meanwhile, its socket must outlive this call.
@@ -165,8 +168,9 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
         return statusResponse(true, QString(), caller);
 
     // The backend belongs to the recovery until it has finished.
-    const bool commanding =
-        command == QLatin1String("connect") || command == QLatin1String("disconnect");
+    const bool commanding = command == QLatin1String("connect") ||
+                            command == QLatin1String("disconnect") ||
+                            command == QLatin1String("alwaysOn");
     if (recovery.inProgress() && (commanding || command == QLatin1String("details"))) {
         if (!commanding)
             return statusResponse(true, QString(), caller);
@@ -191,10 +195,12 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
     }
 
     if (commanding && !access.mayCommand(caller)) {
-        if (clientLog.allow())
-            qWarning() << "[MacVpnServiceServer] command refused" << command << "uid=" << caller;
+        refusals.refused(command, caller);
         return statusResponse(false, tr("Недостаточно прав для управления VPN"), caller);
     }
+
+    if (command == QLatin1String("alwaysOn"))
+        return alwaysOnResponse(request, caller);
 
     // An undo that failed is kept and tried again; the reply says what is left.
     if (command == QLatin1String("disconnect")) {
@@ -231,6 +237,40 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
     return statusResponse(false, QStringLiteral("unknown command"), caller);
 }
 
+// {"command":"alwaysOn","enabled":true,"allowLan":false} turns it on or off;
+// {"command":"alwaysOn","pause":120} opens the network for so many seconds.
+QJsonObject MacVpnServiceServer::alwaysOnResponse(const QJsonObject &request, uid_t caller)
+{
+    const auto invalid = [this, caller](const char *field) {
+        return statusResponse(
+            false, tr("Недопустимое значение %1 в запросе alwaysOn").arg(QLatin1String(field)),
+            caller);
+    };
+    const QJsonValue enabled = request.value(QLatin1String("enabled"));
+    const QJsonValue allowLan = request.value(QLatin1String("allowLan"));
+    const QJsonValue pause = request.value(QLatin1String("pause"));
+    QString error;
+    if (!pause.isUndefined()) {
+        const double seconds = pause.toDouble(-1);
+        if (!pause.isDouble() || seconds < 1 || seconds > MacVpnBackend::MaxPauseSeconds ||
+            seconds != double(int(seconds)) || !enabled.isUndefined() || !allowLan.isUndefined())
+            return invalid("pause");
+        error = backend.pauseAlwaysOn(int(seconds));
+    } else if (!enabled.isBool()) {
+        return invalid("enabled");
+    } else if (!allowLan.isUndefined() && !allowLan.isBool()) {
+        return invalid("allowLan");
+    } else if (!backend.setAlwaysOn({enabled.toBool(), allowLan.toBool()})) {
+        error = backend.lastError();
+    }
+    QJsonObject response = statusResponse(error.isEmpty(), error, caller);
+    const QVariantMap state = backend.alwaysOnState();
+    response.insert(QStringLiteral("alwaysOn"),
+                    state.isEmpty() ? QJsonObject{{QStringLiteral("enabled"), false}}
+                                    : QJsonObject::fromVariantMap(state));
+    return response;
+}
+
 QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error, uid_t caller) const
 {
     QJsonObject response{
@@ -238,6 +278,11 @@ QJsonObject MacVpnServiceServer::statusResponse(bool ok, const QString &error, u
         {QStringLiteral("status"), VpnServiceProtocol::statusToString(backend.status())},
         {QStringLiteral("error"), error.isEmpty() ? backend.lastError() : error},
     };
+    // For anyone, while it is on; never while the recovery holds the backend.
+    if (!recovery.inProgress()) {
+        if (const QVariantMap state = backend.alwaysOnState(); !state.isEmpty())
+            response.insert(QStringLiteral("alwaysOn"), QJsonObject::fromVariantMap(state));
+    }
     if (backend.status() == PlatformVpnBackend::Connected && !lastPeer.isEmpty() &&
         AccessPolicy::maySeeConnection(caller, lastPeerOwner))
         response.insert(QStringLiteral("peer"), lastPeer);

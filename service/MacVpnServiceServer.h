@@ -4,6 +4,7 @@
 #include "service/AccessPolicy.h"
 #include "service/ClientConnections.h"
 #include "service/LogBudget.h"
+#include "service/RefusalLog.h"
 #include "service/ServiceListener.h"
 #include "service/StartupRecovery.h"
 
@@ -35,6 +36,7 @@ private:
     void handleReadyRead(QLocalSocket *socket);
     QJsonObject handleRequest(const QJsonObject &request, uid_t caller);
     QJsonObject statusResponse(bool ok, const QString &error, uid_t caller) const;
+    QJsonObject alwaysOnResponse(const QJsonObject &request, uid_t caller);
     void writeResponse(QLocalSocket *socket, const QJsonObject &response);
 
     const QString path;
@@ -44,6 +46,7 @@ private:
     QJsonObject lastPeer;
     uid_t lastPeerOwner = 0; // who made the connect whose settings lastPeer holds
     LogBudget clientLog;
+    RefusalLog refusals;
     ClientConnections clients;
     StartupRecovery recovery; // before the backend goes, its thread has ended
 };

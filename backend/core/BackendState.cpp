@@ -5,17 +5,23 @@
 MacVpnBackend::MacVpnBackend(QObject *parent) : MacVpnBackend(MacHostEnvironment(), parent) {}
 
 MacVpnBackend::MacVpnBackend(MacHostEnvironment environment, QObject *parent)
-    : PlatformVpnBackend(parent), host(std::move(environment)), journal(host.journalDir)
+    : PlatformVpnBackend(parent), host(std::move(environment)), journal(host.journalDir),
+      firewall(host.pfctlTool, [this](QString *error) { return saveJournal(error); })
 {
     watchTunnelProcess();
     connect(&routeMonitor, &RouteMonitor::settled, this, &MacVpnBackend::followNetworkChange);
-    pendingRetry.setSingleShot(true);
-    connect(&pendingRetry, &QTimer::timeout, this, &MacVpnBackend::retryPendingWhileIdle);
+    connect(&pendingUndo, &PendingUndo::due, this, &MacVpnBackend::retryPendingWhileIdle);
+    pause.setSingleShot(true);
+    connect(&pause, &QTimer::timeout, this, &MacVpnBackend::endPause);
 }
 
+// An orderly stop (an upgrade, a restart) undoes the tunnel's changes but
+// never opens the network: a block in force stays, recorded, for the next
+// instance to take over; a pause of always-on ends.
 MacVpnBackend::~MacVpnBackend()
 {
-    cleanup();
+    pause.stop();
+    cleanup(Block::Keep);
 }
 
 PlatformVpnBackend::Status MacVpnBackend::status() const

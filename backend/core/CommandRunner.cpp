@@ -1,3 +1,5 @@
+#include "backend/core/CommandRunner.h"
+
 #include "backend/MacVpnBackend.h"
 
 #include <QDebug>
@@ -6,13 +8,20 @@
 bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
                                QString *standardOutput, QString *standardError, int timeoutMs) const
 {
-    return runCommand(program, arguments, QByteArray(), standardOutput, standardError, timeoutMs);
+    return CommandRunner::run(program, arguments, QByteArray(), standardOutput, standardError,
+                              timeoutMs);
 }
 
-// The same, with what the tool reads on its standard input (pfctl's rules).
 bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
                                const QByteArray &input, QString *standardOutput,
                                QString *standardError, int timeoutMs) const
+{
+    return CommandRunner::run(program, arguments, input, standardOutput, standardError, timeoutMs);
+}
+
+bool CommandRunner::run(const QString &program, const QStringList &arguments,
+                        const QByteArray &input, QString *standardOutput, QString *standardError,
+                        int timeoutMs)
 {
     qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
 

@@ -27,20 +27,33 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
 
     splitTunnel = splitTunnelFromPeer(peer);
-    killSwitch = killSwitchFromPeer(peer);
+    // A connect ends a pause of always-on: the block opens only for its server.
+    pause.stop();
     setError(QString());
     setStatus(Connecting);
     connectRunning = true;
     connectCancelled = false;
     const auto finished = qScopeGuard([this] { connectRunning = false; });
-    // A block still in place stays, so no packet slips out between two
-    // connects that both want it.
-    cleanup(killSwitch.enabled ? Block::Keep : Block::Lift);
+    // A block in force stays while the old tunnel goes and the new one comes,
+    // so no packet slips out between two connects; should this connect fail,
+    // the block ends as it was before it.
+    cleanup(Block::Keep);
+    const bool heldBefore = killSwitchHeld;
+    killSwitch = killSwitchFromPeer(peer);
+    bool succeeded = false;
+    const auto restoreBlock = qScopeGuard([this, heldBefore, &succeeded] {
+        if (succeeded || connectCancelled)
+            return;
+        killSwitchHeld = heldBefore;
+        firewallEndpoint.clear();
+        updateBlock();
+        watchNetwork();
+    });
     // Nothing new on top of what an earlier connection left and could not undo.
     if (!pendingUndo.isEmpty()) {
         qWarning() << "[MacVpnBackend] connect refused: earlier changes still to undo";
-        setError(pendingUndoMessage());
-        schedulePendingRetry(true);
+        setError(pendingUndo.message(host.hostsFile));
+        pendingUndo.schedule(true);
         return;
     }
 
@@ -52,7 +65,18 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
     qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
 
+    // With always-on, only what is selected would reach anything at all.
+    if (alwaysOn.enabled && splitTunnel.enabled && splitTunnel.mode == 1) {
+        setError(ConnectValidator::onlySelectedBlockedMessage());
+        return;
+    }
+
     tunnelAddresses.clear();
+    tunnelDnsServers.clear();
+    for (const QString &server : {config.dns1, config.dns2}) {
+        if (NetworkText::isAddress(server.trimmed()))
+            tunnelDnsServers.append(server.trimmed());
+    }
     for (const QString &own :
          {config.dns1, config.dns2, clientIpv4(config), QString(DefaultIpv6Address)}) {
         if (NetworkText::isAddress(own.trimmed()))
@@ -63,8 +87,8 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         qInfo() << "[MacVpnBackend] connect cancelled by disconnect";
         return;
     }
-    // Resolved once: the route to the server and the tunnel program go by
-    // the same address, and the journal knows which.
+    // Resolved once: the route to the server, the tunnel program and the
+    // firewall go by the same address, and the journal knows which.
     ParsedVpnConfig resolved = config;
     resolved.hostName = endpointAddress(endpointHost(config));
     if (resolved.hostName.isEmpty()) {
@@ -73,11 +97,16 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    if (killSwitch.enabled && !engageKillSwitch(resolved.hostName, endpointPort(config))) {
+    if (!NetworkText::isAddress(endpointHost(config)))
+        endpointAddresses.insert(endpointHost(config), resolved.hostName);
+
+    // Before the tunnel program starts: from then on, with a block, only the
+    // server's port leaves outside the tunnel.
+    killSwitchHeld = killSwitchHeld || killSwitch.enabled;
+    firewallEndpoint = resolved.hostName;
+    firewallPort = endpointPort(config);
+    if (blockWanted() && !updateBlock()) {
         qWarning() << "[MacVpnBackend] kill switch failed" << lastError();
-        const QString error = lastError();
-        cleanup();
-        setError(error);
         return;
     }
 
@@ -97,7 +126,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
             return;
         }
         qWarning() << "[MacVpnBackend] startTunnelProcess failed" << lastError();
-        cleanup();
+        cleanup(Block::Keep);
         return;
     }
 
@@ -110,20 +139,22 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     const int error = uapiErrno(reply);
     qInfo() << "[MacVpnBackend] uapi reply errno" << error;
     if (error != 0) {
-        cleanup();
+        cleanup(Block::Keep);
         setError(tr("Не удалось применить WireGuard/AWG-конфигурацию"));
         return;
     }
 
     if (!configureInterface(config)) {
         qWarning() << "[MacVpnBackend] configureInterface failed" << lastError();
-        cleanup();
+        cleanup(Block::Keep);
         return;
     }
 
-    if (!configureRoutes(resolved) || !updateKillSwitch()) {
+    if (!configureRoutes(resolved) || (blockWanted() && !updateBlock())) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
-        cleanup();
+        const QString error = lastError();
+        cleanup(Block::Keep);
+        setError(error);
         return;
     }
 
@@ -135,10 +166,22 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
     flushDnsCache();
 
-    // The routes around the tunnel follow the Mac from network to network.
-    routeMonitor.start(host.routeTool);
+    // A connect without the kill switch ends a block the last one left,
+    // unless always-on keeps it; with DNS set, the rules know its servers.
+    killSwitchHeld = killSwitch.enabled;
+    succeeded = true;
+    if (!updateBlock()) {
+        succeeded = false;
+        const QString error = lastError();
+        cleanup(Block::Keep);
+        setError(error);
+        return;
+    }
     qInfo() << "[MacVpnBackend] connected";
     setStatus(Connected);
+    // The routes around the tunnel follow the Mac from network to network.
+    watchNetwork();
+    saveJournal();
     Q_EMIT connected();
 }
 
@@ -160,27 +203,33 @@ void MacVpnBackend::disconnectVpn()
         setStatus(Disconnected);
         // What would not be undone is said, and tried again.
         if (!pendingUndo.isEmpty()) {
-            setError(pendingUndoMessage());
-            schedulePendingRetry(true);
+            setError(pendingUndo.message(host.hostsFile));
+            pendingUndo.schedule(true);
         }
     }
+    watchNetwork();
     Q_EMIT disconnected();
 }
 
+// Applies the empty state: everything the tunnel changed is undone. The
+// block stays while it is wanted, now without the tunnel it let through.
 void MacVpnBackend::cleanup(Block block)
 {
     qInfo() << "[MacVpnBackend] cleanup";
     retryPendingUndo();
     routeMonitor.stop();
-    vpnDnsServers.clear();
     restoreDns();
+    vpnDnsServers.clear();
     removeRoutes();
     stopTunnelProcess();
-    if (block == Block::Lift && pendingUndo.firewall.isEmpty())
-        pendingUndo.firewall = liftKillSwitch();
-    flushDnsCache();
+    if (block == Block::Lift)
+        killSwitchHeld = false;
     tunnelInterface.clear();
     serverHost.clear();
     physicalGateway.clear();
+    firewallEndpoint.clear();
+    if (!updateBlock() && !firewall.isEngaged())
+        qWarning() << "[MacVpnBackend] block not restored" << lastError();
+    flushDnsCache();
     saveJournal();
 }

@@ -3,11 +3,10 @@
 #include "backend/MacVpnBackend.h"
 #include "backend/core/AtomicFile.h"
 #include "backend/core/ProcessIdentity.h"
-#include "backend/host/RouteReply.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QElapsedTimer>
-#include <QHostAddress>
 #include <QThread>
 
 #include <csignal>
@@ -17,22 +16,6 @@ namespace {
 // An older instance that is handing over finishes its own undo first.
 constexpr int JournalLockWaitMs = 30000;
 constexpr int RecordedTunnelStopMs = 5000;
-
-// The length of a network mask as route prints it ("128.0.0.0", "default").
-int prefixOfMask(const QString &mask, bool ipv6)
-{
-    const QHostAddress address = RouteReply::address(mask, ipv6);
-    int bits = 0;
-    if (address.protocol() == QAbstractSocket::IPv4Protocol) {
-        for (quint32 value = address.toIPv4Address(); value; value <<= 1)
-            bits += (value & 0x80000000u) ? 1 : 0;
-    } else {
-        const Q_IPV6ADDR bytes = address.toIPv6Address();
-        for (const quint8 byte : bytes.c)
-            bits += qPopulationCount(byte);
-    }
-    return bits;
-}
 
 bool waitUntilGone(qint64 pid, const QString &identity, int timeoutMs)
 {
@@ -48,78 +31,68 @@ bool waitUntilGone(qint64 pid, const QString &identity, int timeoutMs)
 
 } // namespace
 
-bool MacVpnBackend::recoverHostChanges()
+bool MacVpnBackend::takeOverJournal(int waitMs)
 {
-    if (!journal.lock(JournalLockWaitMs))
+    if (journalTaken)
+        return true;
+    if (!journal.lock(waitMs))
         return false;
     adoptJournalState(journal.load());
     AtomicFile::removeTemporaries(host.hostsFile);
-    if (journalState().isEmpty())
+    journalTaken = true;
+    return true;
+}
+
+// At boot the Mac may join a network before anyone connects: the block is
+// the first thing the service does, before it listens or undoes anything.
+void MacVpnBackend::engageBlockAtStart()
+{
+    if (!takeOverJournal(0) || !blockWanted())
+        return;
+    if (!firewall.engage(blockRules(), &recoveryError)) {
+        qWarning() << "[MacVpnBackend] block not put in force at start" << recoveryError;
+        return;
+    }
+    qInfo() << "[MacVpnBackend] block verified"
+            << ProcessIdentity::ageMs(QCoreApplication::applicationPid())
+            << "ms after the process started";
+}
+
+// The same undo as a disconnect's, newest first, with the same test of what
+// is still ours; what fails is kept for later. Runs before the event loop
+// serves anything but "status", on a thread of its own: nothing here may
+// touch what the event loop shares (the status and its message among them).
+bool MacVpnBackend::recoverHostChanges()
+{
+    if (!takeOverJournal(JournalLockWaitMs))
+        return false;
+    const HostJournal::Records records = journalState();
+    if (records.session.isEmpty() && pendingUndo.isEmpty() && savedDnsServers.isEmpty() &&
+        !hostsPinned && !blockWanted())
         return true;
 
-    // Newest first, the reverse of the order in which a connect makes them;
-    // a route only while it is still ours. What fails is kept for later.
     qInfo() << "[MacVpnBackend] undoing host changes left by an earlier run";
     retryPendingUndo();
     restoreDns();
-    unpinControlPlaneHosts();
-    QList<RouteEntry> routes(installedRoutes.crbegin(), installedRoutes.crend());
-    for (auto it = controlPlaneBypassHosts.crbegin(); it != controlPlaneBypassHosts.crend(); ++it)
-        routes.append({QStringLiteral("inet"), *it, QStringLiteral("-host"), physicalGateway});
-    if (!serverRouteGateway.isEmpty())
-        routes.append(
-            {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
-    for (const RouteEntry &route : std::as_const(routes)) {
-        if (routeStillInstalled(route))
-            deleteRouteOrKeep(route);
-    }
-    installedRoutes.clear();
-    controlPlaneBypassHosts.clear();
-    serverRouteGateway.clear();
+    vpnDnsServers.clear();
+    removeRoutes();
+    stopRecordedTunnel();
+    tunnelInterface.clear();
     serverHost.clear();
     physicalGateway.clear();
-    stopRecordedTunnel();
-    killSwitchBlocking = firewallEngaged;
+    // A block an earlier run left stays while it is wanted, without the
+    // tunnel it let through; one that is not wanted any more goes.
+    if (blockWanted()) {
+        if (!firewall.engage(blockRules(), &recoveryError))
+            qWarning() << "[MacVpnBackend] block not put in force" << recoveryError;
+    } else if (firewall.isEngaged()) {
+        pendingUndo.firewall = firewall.lift();
+    }
     flushDnsCache();
     saveJournal();
     qInfo() << "[MacVpnBackend] host changes of the earlier run undone"
             << (pendingUndo.isEmpty() ? "" : "but for some, kept to try again");
     return true;
-}
-
-// Someone else may have changed the routing table since: only a route that
-// still goes where ours went, to the very destination and mask, is ours to
-// delete. Asked for a route that is gone, route answers with the one that
-// covers the destination now, the default route as likely as any.
-bool MacVpnBackend::routeStillInstalled(const RouteEntry &route) const
-{
-    const bool ipv6 = route.family == QLatin1String("inet6");
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get")};
-    if (ipv6)
-        arguments << QStringLiteral("-inet6");
-    arguments << route.type << route.destination;
-    QString answer;
-    QString failure;
-    const bool found = runRoute(arguments, &failure, &answer);
-    const auto field = [&answer](const char *name) {
-        return RouteReply::field(answer, QLatin1String(name));
-    };
-    const QString address = route.destination.section(QLatin1Char('/'), 0, 0);
-    const bool network = route.type == QLatin1String("-net");
-    const int prefix = route.destination.contains(QLatin1Char('/'))
-                           ? route.destination.section(QLatin1Char('/'), 1).toInt()
-                           : (ipv6 ? 128 : 32);
-    const bool sameDestination =
-        RouteReply::address(field("destination"), ipv6).isEqual(QHostAddress(address)) &&
-        (network ? prefixOfMask(field("mask"), ipv6) == prefix : field("mask").isEmpty());
-    const bool sameWay = QHostAddress(route.via).isNull()
-                             ? field("interface") == route.via
-                             : QHostAddress(field("gateway")).isEqual(QHostAddress(route.via));
-    const bool ours = found && sameDestination && sameWay;
-    if (!ours)
-        qInfo() << "[MacVpnBackend] route no longer ours, left alone" << route.destination << "via"
-                << route.via;
-    return ours;
 }
 
 // The program is not our child any more: it is stopped by its pid, and only
@@ -146,4 +119,20 @@ void MacVpnBackend::stopRecordedTunnel()
     tunnelProgram.clear();
     tunnelPid = 0;
     tunnelIdentity.clear();
+}
+
+// Back on the event loop: what the recovery left to say. "Blocking" only for
+// a block verified in force.
+void MacVpnBackend::reportRecovery()
+{
+    if (!pendingUndo.isEmpty()) {
+        setError(pendingUndo.message(host.hostsFile));
+        pendingUndo.schedule(true);
+    }
+    if (!recoveryError.isEmpty())
+        setError(tr("Не удалось включить блокировку трафика вне туннеля: %1").arg(recoveryError));
+    else if (killSwitchHeld && firewall.enforcement() == KillSwitch::Enforcement::Enforced)
+        setError(killSwitchBlockingMessage());
+    recoveryError.clear();
+    watchNetwork();
 }

@@ -1,105 +1,109 @@
-// Undo steps that failed: a network service whose DNS servers configd would
-// not take back, a route that would not go. Each stays in the journal with
-// its last error and is tried again at the next clean-up, at the next start,
-// and on a back-off timer while the service idles; until then the status is
-// error, naming what is left.
-#include "backend/BackendConstants.h"
-#include "backend/MacVpnBackend.h"
+#include "backend/core/PendingUndo.h"
 
-#include <QDebug>
+#include "backend/core/JournalValues.h"
+
+#include <QCoreApplication>
+#include <QJsonArray>
 
 namespace {
 
-// A few tries over some minutes; after that, at the next clean-up or start.
 constexpr int RetryDelaysMs[] = {10000, 30000, 60000, 120000, 300000};
+
+QString translated(const char *text)
+{
+    return QCoreApplication::translate("MacVpnBackend", text);
+}
 
 } // namespace
 
-void MacVpnBackend::retryPendingUndo()
+PendingUndo::PendingUndo(QObject *parent) : QObject(parent)
 {
-    if (pendingUndo.isEmpty())
-        return;
-    qInfo() << "[MacVpnBackend] trying again what could not be undone";
-    for (auto it = pendingUndo.dns.begin(); it != pendingUndo.dns.end();) {
-        it->error = setDnsServers(it.key(), it->servers);
-        it = it->error.isEmpty() ? pendingUndo.dns.erase(it) : std::next(it);
-    }
-    if (!pendingUndo.hostsBlock.isEmpty()) {
-        pendingUndo.hostsBlock = removeHostsBlock();
-        hostsPinned = !pendingUndo.hostsBlock.isEmpty();
-    }
-    if (!pendingUndo.firewall.isEmpty())
-        pendingUndo.firewall = liftKillSwitch();
-    for (PendingRoute &pending : pendingUndo.routes)
-        pending.error = deleteRoute(pending.route);
-    pendingUndo.routes.removeIf(
-        [](const PendingRoute &pending) { return pending.error.isEmpty(); });
-    saveJournal();
+    timer.setSingleShot(true);
+    connect(&timer, &QTimer::timeout, this, &PendingUndo::due);
 }
 
-QVariantList MacVpnBackend::pendingUndoSteps() const
+bool PendingUndo::isEmpty() const
+{
+    return routes.isEmpty() && dns.isEmpty() && hostsBlock.isEmpty() && firewall.isEmpty();
+}
+
+QVariantList PendingUndo::steps(const QString &hostsFile) const
 {
     QVariantList steps;
     const auto step = [&steps](const QString &what, const QString &error) {
         steps.append(QVariantMap{{QStringLiteral("what"), what}, {QStringLiteral("error"), error}});
     };
-    for (auto it = pendingUndo.dns.cbegin(); it != pendingUndo.dns.cend(); ++it)
-        step(tr("DNS службы «%1»").arg(it.key()), it->error);
-    if (!pendingUndo.hostsBlock.isEmpty())
-        step(tr("блок в %1").arg(host.hostsFile), pendingUndo.hostsBlock);
-    if (!pendingUndo.firewall.isEmpty())
-        step(tr("правила pf"), pendingUndo.firewall);
-    for (const PendingRoute &pending : pendingUndo.routes)
-        step(tr("маршрут %1").arg(pending.route.destination), pending.error);
+    for (auto it = dns.cbegin(); it != dns.cend(); ++it)
+        step(translated("DNS службы «%1»").arg(it.key()), it->error);
+    if (!hostsBlock.isEmpty())
+        step(translated("блок в %1").arg(hostsFile), hostsBlock);
+    if (!firewall.isEmpty())
+        step(translated("правила pf"), firewall);
+    for (const Route &pending : routes)
+        step(translated("маршрут %1").arg(pending.route.destination), pending.error);
     return steps;
 }
 
-QString MacVpnBackend::pendingUndoMessage() const
+QString PendingUndo::message(const QString &hostsFile) const
 {
     QStringList left;
-    for (const QVariant &step : pendingUndoSteps())
+    for (const QVariant &step : steps(hostsFile))
         left.append(step.toMap().value(QStringLiteral("what")).toString());
-    return tr("Не удалось вернуть прежние настройки системы: %1. Служба повторит попытку сама")
+    return translated(
+               "Не удалось вернуть прежние настройки системы: %1. Служба повторит попытку сама")
         .arg(left.join(QLatin1String(", ")));
 }
 
-// Tells the user what is left, and tries again on the back-off timer.
-void MacVpnBackend::schedulePendingRetry(bool afresh)
+void PendingUndo::schedule(bool afresh)
 {
     if (afresh)
-        pendingRetries = 0;
-    if (pendingUndo.isEmpty() || pendingRetries >= int(std::size(RetryDelaysMs))) {
-        pendingRetry.stop();
+        retries = 0;
+    if (isEmpty() || retries >= int(std::size(RetryDelaysMs))) {
+        timer.stop();
         return;
     }
-    pendingRetry.start(RetryDelaysMs[pendingRetries++]);
+    timer.start(RetryDelaysMs[retries++]);
 }
 
-void MacVpnBackend::retryPendingWhileIdle()
+void PendingUndo::write(QJsonObject *session, QJsonObject *settings) const
 {
-    if (connectRunning || currentStatus == Connected)
-        return;
-    const QString before = pendingUndoMessage();
-    retryPendingUndo();
-    if (!pendingUndo.isEmpty()) {
-        // What is left now, unless the user is reading about a failed connect.
-        if (lastErrorMessage == before || currentStatus != Error)
-            setError(pendingUndoMessage());
-        schedulePendingRetry(false);
-    } else if (currentStatus == Error && lastErrorMessage == before) {
-        qInfo() << "[MacVpnBackend] everything undone at last";
-        setError(QString());
-        setStatus(Disconnected);
+    QJsonArray pendingRoutes;
+    for (const Route &pending : routes) {
+        QJsonObject route = pending.route.toJson();
+        route.insert(QStringLiteral("error"), pending.error);
+        pendingRoutes.append(route);
     }
+    if (!pendingRoutes.isEmpty())
+        session->insert(QStringLiteral("pendingRoutes"), pendingRoutes);
+    if (!firewall.isEmpty())
+        session->insert(QStringLiteral("pendingFirewall"), firewall);
+    QJsonObject pendingDns;
+    for (auto it = dns.cbegin(); it != dns.cend(); ++it)
+        pendingDns.insert(
+            it.key(),
+            QJsonObject{{QStringLiteral("servers"), QJsonArray::fromStringList(it->servers)},
+                        {QStringLiteral("tunnel"), QJsonArray::fromStringList(it->tunnel)},
+                        {QStringLiteral("error"), it->error}});
+    if (!pendingDns.isEmpty())
+        settings->insert(QStringLiteral("pendingDns"), pendingDns);
 }
 
-void MacVpnBackend::reportRecovery()
+void PendingUndo::read(const QJsonObject &session, const QJsonObject &settings)
 {
-    if (!pendingUndo.isEmpty()) {
-        setError(pendingUndoMessage());
-        schedulePendingRetry(true);
+    for (const QJsonValue &value : session.value(QLatin1String("pendingRoutes")).toArray()) {
+        if (const auto route = RouteEntry::fromJson(value.toObject()))
+            routes.append({*route, value.toObject().value(QLatin1String("error")).toString()});
+        else
+            JournalValues::ignored("route", value);
     }
-    // The last run had the kill switch on: the block stays until the user decides.
-    if (killSwitchBlocking)
-        setError(killSwitchBlockingMessage());
+    firewall = session.value(QLatin1String("pendingFirewall")).toString();
+    const QJsonObject pendingDns = settings.value(QLatin1String("pendingDns")).toObject();
+    for (auto it = pendingDns.begin(); it != pendingDns.end(); ++it) {
+        const QJsonObject step = it.value().toObject();
+        const auto servers = JournalValues::servers(it.key(), step.value(QLatin1String("servers")));
+        const auto tunnel = JournalValues::servers(it.key(), step.value(QLatin1String("tunnel")));
+        if (servers && tunnel)
+            dns.insert(it.key(),
+                       {*servers, *tunnel, step.value(QLatin1String("error")).toString()});
+    }
 }

@@ -5,12 +5,15 @@
 #include <QDir>
 #include <QFile>
 
+#include <unistd.h>
+
 #include <vector>
 
 #ifdef Q_OS_MACOS
 #include <libproc.h>
 #include <sys/proc.h>
 #include <sys/proc_info.h>
+#include <sys/time.h>
 #endif
 
 namespace ProcessIdentity {
@@ -44,6 +47,17 @@ QList<qint64> orphansOf(const QString &program)
             orphans.append(pids[size_t(i)]);
     }
     return orphans;
+}
+
+qint64 ageMs(qint64 pid)
+{
+    struct proc_bsdinfo info = {};
+    struct timeval now = {};
+    if (proc_pidinfo(int(pid), PROC_PIDTBSDINFO, 0, &info, sizeof info) != int(sizeof info) ||
+        ::gettimeofday(&now, nullptr) != 0)
+        return -1;
+    return (qint64(now.tv_sec) - qint64(info.pbi_start_tvsec)) * 1000 +
+           (qint64(now.tv_usec) - qint64(info.pbi_start_tvusec)) / 1000;
 }
 
 #else
@@ -92,6 +106,19 @@ QList<qint64> orphansOf(const QString &program)
             orphans.append(pid.toLongLong());
     }
     return orphans;
+}
+
+qint64 ageMs(qint64 pid)
+{
+    // Both in clock ticks since boot: the start as /proc/PID/stat gives it
+    // (the twentieth field after the name), now as /proc/uptime does.
+    const QByteArray stat = readAll(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    const QByteArray uptime = readAll(QStringLiteral("/proc/uptime")).split(' ').value(0);
+    const double ticks = double(::sysconf(_SC_CLK_TCK));
+    if (fields.size() < 20 || uptime.isEmpty() || ticks <= 0)
+        return -1;
+    return qint64((uptime.toDouble() - fields[19].toDouble() / ticks) * 1000.0);
 }
 
 #endif

@@ -15,4 +15,8 @@ QString of(qint64 pid);
 // is gone and pid 1 took them over.
 QList<qint64> orphansOf(const QString &program);
 
+// How long ago the process started, in milliseconds, as the kernel keeps it;
+// -1 when unknown.
+qint64 ageMs(qint64 pid);
+
 } // namespace ProcessIdentity

@@ -67,8 +67,9 @@ QStringList MacVpnBackend::addressesAroundTunnel(const QString &name) const
 void MacVpnBackend::removeControlPlaneBypass()
 {
     unpinControlPlaneHosts();
+    QList<RouteEntry> bypass;
     for (const QString &address : std::as_const(controlPlaneBypassHosts))
-        deleteRouteOrKeep(
-            {QStringLiteral("inet"), address, QStringLiteral("-host"), physicalGateway});
+        bypass.append({QStringLiteral("inet"), address, QStringLiteral("-host"), physicalGateway});
+    undoRoutes(bypass);
     controlPlaneBypassHosts.clear();
 }

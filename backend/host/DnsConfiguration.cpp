@@ -112,9 +112,9 @@ QStringList MacVpnBackend::enabledServices(const QString &listing) const
 void MacVpnBackend::restoreDns()
 {
     for (auto it = savedDnsServers.cbegin(); it != savedDnsServers.cend(); ++it) {
-        const QString error = setDnsServers(it.key(), it.value());
+        const QString error = undoDns(it.key(), it.value(), vpnDnsServers);
         if (!error.isEmpty())
-            pendingUndo.dns.insert(it.key(), {it.value(), error});
+            pendingUndo.dns.insert(it.key(), {it.value(), vpnDnsServers, error});
     }
     savedDnsServers.clear();
 }

@@ -8,6 +8,10 @@
 void MacVpnBackend::followNetworkChange()
 {
     const RouteMonitor::Changes changes = routeMonitor.takeChanges();
+    // A new network, or a wake: whoever else was at work meanwhile may have
+    // disabled pf or replaced its rules.
+    if (changes.wayOut && firewall.isEngaged())
+        firewall.verify();
     if (currentStatus != Connected)
         return;
     bool touched = false;
@@ -72,8 +76,7 @@ void MacVpnBackend::moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayO
             << "on" << wayOut.interface;
     // Gone first; one that left with the old network is gone already. One
     // that will not go is kept for the undo, whatever becomes of its move.
-    for (const RouteEntry &route : routesAroundTunnel(ipv6))
-        deleteRouteOrKeep(route);
+    undoRoutes(routesAroundTunnel(ipv6));
 
     const QString previous = gateway;
     gateway = wayOut.gateway;

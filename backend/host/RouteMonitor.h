@@ -43,6 +43,7 @@ public:
 
     void start(const QString &routeTool);
     void stop();
+    bool isRunning() const { return running; }
     Changes takeChanges();
 
 Q_SIGNALS:

@@ -4,40 +4,23 @@
 
 #include <QDebug>
 
-// A route that will not go is kept, with its error, to be tried again.
+// Newest first: the tunnel's routes, the bypass hosts, then the route to the
+// server. One that will not go is kept, with its error, to be tried again.
 void MacVpnBackend::removeRoutes()
 {
-    removeControlPlaneBypass();
-
+    unpinControlPlaneHosts();
     QList<RouteEntry> removing(installedRoutes.crbegin(), installedRoutes.crend());
+    for (auto it = controlPlaneBypassHosts.crbegin(); it != controlPlaneBypassHosts.crend(); ++it)
+        removing.append({QStringLiteral("inet"), *it, QStringLiteral("-host"), physicalGateway});
     // A server route that was there before us, or never added, is not ours to delete.
     if (!serverRouteGateway.isEmpty() && !serverHost.isEmpty())
         removing.append(
             {routeFamily(serverHost), serverHost, QStringLiteral("-host"), serverRouteGateway});
-    for (const RouteEntry &route : std::as_const(removing))
-        deleteRouteOrKeep(route);
+    undoRoutes(removing);
     installedRoutes.clear();
+    controlPlaneBypassHosts.clear();
     serverRouteGateway.clear();
     serverRouteInterface.clear();
-}
-
-// A route that is not in the table any more is as good as deleted.
-QString MacVpnBackend::deleteRoute(const RouteEntry &route) const
-{
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("delete")};
-    if (route.family == QLatin1String("inet6"))
-        arguments << QStringLiteral("-inet6");
-    arguments << (route.type.isEmpty() ? QStringLiteral("-net") : route.type) << route.destination;
-    QString failure;
-    if (runRoute(arguments, &failure) || RouteReply::isNotInTable(failure))
-        return QString();
-    return failure;
-}
-
-void MacVpnBackend::deleteRouteOrKeep(const RouteEntry &route)
-{
-    if (const QString error = deleteRoute(route); !error.isEmpty())
-        pendingUndo.routes.append({route, error});
 }
 
 bool MacVpnBackend::runRoute(const QStringList &arguments, QString *failure, QString *answer) const

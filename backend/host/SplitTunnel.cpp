@@ -63,7 +63,10 @@ QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) c
 void MacVpnBackend::resolveNames(const QString &endpoint)
 {
     QStringList names = {controlPlaneHost()};
-    if (!NetworkText::isAddress(endpoint))
+    // Under a block no look-up gets out: the endpoint goes by the address it
+    // had last time.
+    if (!NetworkText::isAddress(endpoint) &&
+        !(firewall.isEngaged() && !recordedEndpoint(endpoint).isEmpty()))
         names.append(endpoint);
     if (splitTunnel.enabled && (splitTunnel.mode == 1 || splitTunnel.mode == 2)) {
         for (const QVariant &entry : std::as_const(splitTunnel.entries)) {
@@ -87,10 +90,13 @@ QString MacVpnBackend::endpointAddress(const QString &endpoint) const
 {
     if (NetworkText::isAddress(endpoint))
         return endpoint;
+    if (firewall.isEngaged() && !recordedEndpoint(endpoint).isEmpty())
+        return recordedEndpoint(endpoint);
     QString fallback;
     for (const QHostAddress &address : lookedUp(endpoint).addresses()) {
         if (address.isLoopback() || address.isMulticast() || address.isLinkLocal() ||
-            address == QHostAddress::AnyIPv4 || address == QHostAddress::AnyIPv6)
+            address.isBroadcast() || address == QHostAddress::AnyIPv4 ||
+            address == QHostAddress::AnyIPv6)
             continue;
         if (address.protocol() == QAbstractSocket::IPv4Protocol)
             return address.toString();

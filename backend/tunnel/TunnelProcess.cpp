@@ -270,15 +270,10 @@ void MacVpnBackend::handleTunnelExit()
     qWarning() << "[MacVpnBackend] tunnel program exited while connected"
                << "exitStatus=" << tunnelProcess.exitStatus()
                << "exitCode=" << tunnelProcess.exitCode() << "output=" << tunnelOutput.right(2000);
-    // With the kill switch on, the routes and DNS are undone as ever, but
-    // nothing may leave outside the tunnel until the user decides.
-    if (firewallEngaged) {
-        cleanup(Block::Keep);
-        killSwitchBlocking = true;
-        saveJournal();
-        setError(killSwitchBlockingMessage());
-        return;
-    }
-    cleanup();
-    setError(tr("VPN-туннель прервался: amneziawg-go неожиданно завершился"));
+    // The routes and DNS are undone as ever; a block in force stays, without
+    // the tunnel, until the user decides.
+    cleanup(Block::Keep);
+    setError(killSwitchHeld ? killSwitchBlockingMessage()
+                            : tr("VPN-туннель прервался: amneziawg-go неожиданно завершился"));
+    watchNetwork();
 }

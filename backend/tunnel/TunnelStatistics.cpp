@@ -15,10 +15,19 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
         return currentStatus == Connected;
     details->clear();
     if (!pendingUndo.isEmpty())
-        details->insert(QStringLiteral("pendingUndo"), pendingUndoSteps());
-    if (firewallEngaged)
-        details->insert(QStringLiteral("killSwitch"),
-                        killSwitchBlocking ? QStringLiteral("blocking") : QStringLiteral("on"));
+        details->insert(QStringLiteral("pendingUndo"), pendingUndo.steps(host.hostsFile));
+    // "on" and "blocking" only once the block is verified in force.
+    if (firewall.isEngaged()) {
+        const KillSwitch::Enforcement enforcement = firewall.enforcement();
+        details->insert(
+            QStringLiteral("killSwitch"),
+            enforcement == KillSwitch::Enforcement::NotEnforced ? QStringLiteral("not enforced")
+            : enforcement != KillSwitch::Enforcement::Enforced  ? QStringLiteral("not verified")
+            : firewall.isBlocking()                             ? QStringLiteral("blocking")
+                                                                : QStringLiteral("on"));
+    }
+    if (const QVariantMap always = alwaysOnState(); !always.isEmpty())
+        details->insert(QStringLiteral("alwaysOn"), always);
     if (currentStatus != Connected)
         return false;
     details->insert(QStringLiteral("interface"), tunnelInterface);

@@ -48,7 +48,7 @@ private Q_SLOTS:
         QCOMPARE(result.rootObject, doc);
         // clang-format off
         QCOMPARE(VpnServiceProtocol::parsedConfigToJson(result.config), (QJsonObject{{"rawConfig", doc},
-            {"defaultContainer", "amnezia-awg"}, {"container", "amnezia-awg"}, {"protocolName", "awg"},
+            {"defaultContainer", "office-awg"}, {"container", "office-awg"}, {"protocolName", "awg"},
             {"protocolConfig", doc["containers"][0]["awg"]}, {"lastConfig", Client}, {"lastConfigRaw", ClientText},
             {"hostName", "203.0.113.5"}, {"dns1", "1.1.1.1"}, {"dns2", "1.0.0.1"}}));
         // clang-format on
@@ -109,9 +109,9 @@ private Q_SLOTS:
         row("default container absent", doc(document({container("a-awg", "awg")}, "b-awg")), "Контейнер VPN-конфигурации не найден", "rawConfig");
         row("no protocol", doc(document({QJsonObject{{"container", "plain"}, {"name", "x"}}})), "Протокол VPN-конфигурации не найден", "container");
         row("empty protocol settings", doc(document({QJsonObject{{"container", "x-awg"}, {"awg", QJsonObject()}}})), "Настройки протокола VPN-конфигурации не найдены", "protocolName");
-        row("no client configuration", doc(document({container("amnezia-awg", "awg", 42)})), "В VPN-конфигурации нет client-конфига", "protocolConfig");
-        row("client configuration a list", doc(document({container("amnezia-awg", "awg", "[1]")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
-        row("client configuration broken", doc(document({container("amnezia-awg", "awg", "{x")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        row("no client configuration", doc(document({container("office-awg", "awg", 42)})), "В VPN-конфигурации нет client-конфига", "protocolConfig");
+        row("client configuration a list", doc(document({container("office-awg", "awg", "[1]")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
+        row("client configuration broken", doc(document({container("office-awg", "awg", "{x")})), "Client-конфиг VPN имеет неверный формат", "lastConfigRaw");
         // clang-format on
     }
 
@@ -172,11 +172,11 @@ private Q_SLOTS:
 
     void readsClientConfiguration()
     {
-        QJsonObject doc = document({container("amnezia-awg", "awg", "{}")});
+        QJsonObject doc = document({container("office-awg", "awg", "{}")});
         QVERIFY(
             VpnConfigParser::parseConfig(encodeConnectionString(doc)).config.lastConfig.isEmpty());
         // The top-level host wins; without it, the client configuration's.
-        doc = document({container("amnezia-awg", "awg")});
+        doc = document({container("office-awg", "awg")});
         QCOMPARE(VpnConfigParser::parseConfig(encodeConnectionString(doc)).config.hostName,
                  "203.0.113.5");
         doc.insert("hostName", "");

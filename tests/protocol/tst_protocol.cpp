@@ -62,7 +62,7 @@ private Q_SLOTS:
     {
         // clang-format off
         const QJsonObject json{{"rawConfig", QJsonObject{{"containers", QJsonArray{}}}},
-            {"defaultContainer", "amnezia-awg"}, {"container", "amnezia-awg"}, {"protocolName", "awg"},
+            {"defaultContainer", "office-awg"}, {"container", "office-awg"}, {"protocolName", "awg"},
             {"protocolConfig", QJsonObject{{"last_config", "{}"}}}, {"lastConfigRaw", "{\"mtu\":\"1280\"}"},
             {"lastConfig", QJsonObject{{"mtu", "1280"}}}, {"hostName", "203.0.113.5"}, {"dns1", "1.1.1.1"},
             {"dns2", "1.0.0.1"}};

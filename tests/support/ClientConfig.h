@@ -32,7 +32,7 @@ inline ParsedVpnConfig clientConfig(const QJsonObject &overrides = QJsonObject()
     for (auto it = overrides.begin(); it != overrides.end(); ++it)
         it->isNull() ? void(last.remove(it.key())) : void(last.insert(it.key(), *it));
     ParsedVpnConfig config;
-    config.container = "amnezia-awg";
+    config.container = "office-awg";
     config.protocolName = "awg";
     config.lastConfig = last;
     config.hostName = "203.0.113.5";
@@ -61,11 +61,10 @@ inline QJsonObject awgDocument(const QJsonObject &lastConfig)
         {"last_config", QString(QJsonDocument(lastConfig).toJson(QJsonDocument::Compact))},
         {"port", "51820"},
         {"transport_proto", "udp"}};
-    return {
-        {"containers", QJsonArray{QJsonObject{{"container", "amnezia-awg"}, {"awg", protocol}}}},
-        {"defaultContainer", "amnezia-awg"},
-        {"description", "Test server"},
-        {"dns1", "1.1.1.1"},
-        {"dns2", "1.0.0.1"},
-        {"hostName", "203.0.113.5"}};
+    return {{"containers", QJsonArray{QJsonObject{{"container", "office-awg"}, {"awg", protocol}}}},
+            {"defaultContainer", "office-awg"},
+            {"description", "Test server"},
+            {"dns1", "1.1.1.1"},
+            {"dns2", "1.0.0.1"},
+            {"hostName", "203.0.113.5"}};
 }

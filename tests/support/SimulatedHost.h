@@ -59,9 +59,10 @@ public:
     }
 
     // Runs one of the tools as a program on the host would.
-    QByteArray runTool(const QString &path, const QStringList &arguments) const
+    QByteArray runTool(const QString &path, const QStringList &arguments,
+                       const QByteArray &input = QByteArray()) const
     {
-        return run(arguments, QByteArray(), path);
+        return run(arguments, input, path);
     }
 
     void setFaults(const QStringList &rules) const
@@ -72,12 +73,13 @@ public:
     }
 
     // The pf rules in force, as the stock ruleset evaluates them: while pf is
-    // enabled, the anchors one level under com.apple/, and no others.
+    // enabled and the main ruleset reaches them, the anchors one level under
+    // com.apple/, and no others.
     QStringList pfInForce() const
     {
         const QJsonObject pf = state().value("pf").toObject();
         QStringList rules;
-        if (!pf["enabled"].toBool() && pf["tokens"].toArray().isEmpty())
+        if (!pf["enabled"].toBool() || !pf["main"].toArray().contains("anchor \"com.apple/*\" all"))
             return rules;
         const QJsonObject anchors = pf["anchors"].toObject();
         for (auto it = anchors.begin(); it != anchors.end(); ++it) {

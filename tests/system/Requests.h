@@ -44,6 +44,14 @@ inline QJsonObject connectRequest(const ParsedVpnConfig &config = clientConfig()
     return connectRequest(config, peerFor(config, splitMode, destinations));
 }
 
+inline QJsonObject killSwitchRequest(bool allowLan = false,
+                                     const ParsedVpnConfig &config = clientConfig())
+{
+    QJsonObject peer = peerFor(config);
+    peer.insert("killSwitch", QJsonObject{{"enabled", true}, {"allowLan", allowLan}});
+    return connectRequest(config, peer);
+}
+
 inline QJsonObject reply(bool ok, const char *status, const QString &error = QString())
 {
     return {{"ok", ok}, {"status", status}, {"error", error}};

@@ -218,21 +218,37 @@ public:
         return reply;
     }
 
-    // The same exchange from a process of that user, with no groups of its own.
-    QJsonObject requestAs(uid_t uid, const QJsonObject &message) const
+    // The same exchange from a process of that user, with no groups of its
+    // own, as many times in a row as asked; the last reply.
+    QJsonObject requestAs(uid_t uid, const QJsonObject &message, int times = 1) const
     {
         const QString id = QString::number(uid);
         QProcess client;
         client.start("setpriv",
                      {"--reuid", id, "--regid", id, "--clear-groups", "/usr/bin/python3", "-c",
-                      "import socket, sys\ns = socket.socket(socket.AF_UNIX)\n"
-                      "s.connect(sys.argv[1])\ns.sendall(sys.stdin.buffer.read())\n"
-                      "print(s.makefile().readline())",
-                      VpnServiceProtocol::socketPath()});
+                      "import socket, sys\nline = sys.stdin.buffer.read()\n"
+                      "for _ in range(int(sys.argv[2])):\n"
+                      "    s = socket.socket(socket.AF_UNIX)\n    s.connect(sys.argv[1])\n"
+                      "    s.sendall(line)\n    reply = s.makefile().readline()\nprint(reply)",
+                      VpnServiceProtocol::socketPath(), QString::number(times)});
         client.write(VpnServiceProtocol::encodeMessage(message));
         client.closeWriteChannel();
         client.waitForFinished(30000);
         return QJsonDocument::fromJson(client.readAllStandardOutput()).object();
+    }
+
+    QByteArray pfctl(const QStringList &arguments, const QByteArray &input = QByteArray()) const
+    {
+        return runTool("/sbin/pfctl", arguments, input);
+    }
+    // The Mac's IPv4 default route now goes by another gateway on en0.
+    void setDefaultGateway(const QString &address) const
+    {
+        QJsonObject host = state();
+        QJsonArray routes = host["routes"].toArray();
+        routes[0] = route("inet default -net " + address + " en0");
+        host.insert("routes", routes);
+        writeState(host);
     }
 
     QByteArray hostsFile() const { return read("/etc/hosts"); }

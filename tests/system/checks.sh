@@ -48,10 +48,10 @@ start_daemon() {
 test_string() {
   . "$ROOT/scripts/realnet.sh"
   vpn_string <<'JSON'
-{"containers":[{"container":"amnezia-awg","awg":{"last_config":{
+{"containers":[{"container":"office-awg","awg":{"last_config":{
    "client_ip":"10.8.1.2/32","client_priv_key":"ZVoO6oBGlRDVRhz2TrciUtBetVKg5gtm+L/V+7S4Tno=",
    "server_pub_key":"jGYfq/MqYAM+o/7X1TmLrBSrwA+43aECWlUk9pbHyjE=",
    "hostName":"203.0.113.5","port":51820,"allowed_ips":["0.0.0.0/0","::/0"]}}}],
- "defaultContainer":"amnezia-awg","dns1":"1.1.1.1","hostName":"203.0.113.5"}
+ "defaultContainer":"office-awg","dns1":"1.1.1.1","hostName":"203.0.113.5"}
 JSON
 }

@@ -192,55 +192,114 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), before);
     }
 
-    // The kill switch, beside another program's pf anchor and reference: in
-    // force from before the tunnel program starts, kept when the tunnel dies
-    // (the routes and DNS undone as ever), lifted by a disconnect and by a
-    // connect that fails. pf ends exactly as it was.
+    // The kill switch, beside another program's pf anchor and reference.
+    // Every rule names its direction or its interface; the LAN is reached only
+    // when allowed. The block holds from before the tunnel program starts
+    // until the user disconnects: through a failed tunnel, a failed connect,
+    // a stop of the service, another program's "pfctl -d" (after which pf
+    // ends as that program left it) and a main ruleset someone flushed,
+    // which is reported rather than rewritten. pf ends exactly as it was.
+    void killSwitch_data()
+    {
+        QTest::addColumn<QString>("then");
+        for (const char *then : {"tunnel dies", "tunnel dies, LAN allowed", "reconnect fails",
+                                 "reconnect fails while blocking", "stopped while blocking",
+                                 "pf disabled by another program", "main ruleset flushed"})
+            QTest::newRow(then) << then;
+    }
+
     void killSwitch()
     {
         REQUIRE_SANDBOX();
+        QFETCH(QString, then);
         SystemHost host;
-        QJsonObject state = host.state();
-        QJsonObject pf = state["pf"].toObject();
-        pf.insert("tokens", QJsonArray{"1111"});
-        QJsonObject anchors = pf["anchors"].toObject();
-        anchors.insert("com.apple/300.another", QJsonArray{"pass quick on lo0 all"});
-        pf.insert("anchors", anchors);
-        state.insert("pf", pf);
-        host.writeState(state);
+        host.pfctl({"-E"});
+        host.pfctl({"-a", "com.apple/300.another", "-f", "-"}, "pass quick on lo0 all\n");
         QVERIFY(host.startWithTunnel());
         const QByteArray before = host.stateBytes();
-        QJsonObject peer = peerFor(clientConfig());
-        peer.insert("killSwitch", QJsonObject{{"enabled", true}});
-        const QJsonObject request = connectRequest(clientConfig(), peer);
+        const bool lan = then.contains("LAN");
+        const QJsonObject request = killSwitchRequest(lan);
         const qsizetype first = host.calls().size();
         QCOMPARE(host.request(request)["status"], "connected");
         const QStringList calls = host.commandLines(first);
         QVERIFY(calls.indexOf("pfctl -E") < calls.indexOf(QRegularExpression("route -n add.*")));
         const QStringList inForce = host.pfInForce();
         for (const char *rule :
-             {"pass quick on utun2 all", "pass out quick to 198.51.100.10 keep state",
-              "pass out quick proto udp from any to 203.0.113.5 port 51820 keep state",
-              "block drop quick all"})
+             {"pass quick on utun2 all flags S/SA keep state (if-bound)",
+              "pass out quick on utun2 proto udp from any to 1.1.1.1 port = 53 keep state "
+              "(if-bound)",
+              "block return out quick proto udp from any to any port = 53",
+              "pass out quick proto tcp from any to 198.51.100.10 port = 443 flags S/SA keep state",
+              "pass out quick proto udp from any to 203.0.113.5 port = 51820 user = 0 keep state",
+              "block return out quick all", "block drop in quick all"})
             QVERIFY2(inForce.contains(rule), rule);
+        for (const QString &rule : inForce)
+            QVERIFY2(
+                rule.contains(QRegularExpression("^(block|pass) \\w* ?(in|out) | on (lo0|utun2) ")),
+                qPrintable(rule));
+        QCOMPARE(
+            inForce.contains("pass out quick from any to 192.168.0.0/16 flags S/SA keep state"),
+            lan);
         QCOMPARE(host.details()["killSwitch"], "on");
 
-        ::kill(pid_t(host.tunnelPid()), SIGKILL);
-        const QString blocking = "VPN-туннель прервался: весь трафик заблокирован, пока вы не "
-                                 "подключитесь снова или не отключитесь";
-        QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), reply(true, "error", blocking),
-                                  5000);
-        QJsonObject blocked = QJsonDocument::fromJson(before).object();
-        blocked.insert("pf", host.state()["pf"]);
-        QCOMPARE(host.stateBytes(), QJsonDocument(blocked).toJson());
-        QVERIFY(host.pfInForce().contains("block drop quick all"));
-        QCOMPARE(host.details()["killSwitch"], "blocking");
+        const QJsonObject blocking =
+            reply(true, "error",
+                  "VPN-туннель прервался: весь трафик заблокирован, пока вы не подключитесь снова "
+                  "или не отключитесь");
+        const auto blocked = [&host] {
+            const QStringList rules = host.pfInForce();
+            return rules.contains("block return out quick all") && !rules.filter("utun2").size() &&
+                   host.details()["killSwitch"] == "blocking";
+        };
+        if (then.startsWith("tunnel dies") || then.endsWith("while blocking")) {
+            const qsizetype dying = host.calls().size();
+            ::kill(pid_t(host.tunnelPid()), SIGKILL);
+            QTRY_COMPARE_WITH_TIMEOUT(host.request(StatusRequest), blocking, 5000);
+            QVERIFY(host.commandLines(dying).contains("pfctl -k 0.0.0.0/0"));
+            QVERIFY(blocked());
+            QJsonObject expected = QJsonDocument::fromJson(before).object();
+            expected.insert("pf", host.state()["pf"]);
+            QCOMPARE(host.stateBytes(), QJsonDocument(expected).toJson());
+        }
+        if (then.startsWith("reconnect fails")) {
+            host.setFaults({"fail:ifconfig"});
+            QCOMPARE(host.request(request)["status"], "error");
+            host.setFaults({});
+            QVERIFY(blocked());
+        } else if (then == "stopped while blocking") {
+            QCOMPARE(host.stopDaemon(), 0);
+            QVERIFY(host.pfInForce().contains("block return out quick all"));
+            QVERIFY(host.startDaemon());
+            QCOMPARE(host.request(StatusRequest), blocking);
+            QVERIFY(blocked());
+        } else if (then == "pf disabled by another program") {
+            host.pfctl({"-d"});
+            host.setDefaultGateway("192.168.1.254"); // a network change: checked, put back
+            QTRY_VERIFY_WITH_TIMEOUT(host.pfInForce().contains("block drop in quick all"), 5000);
+            host.pfctl({"-d"});
+            QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+            QCOMPARE(host.request(request)["status"], "connected");
+        } else if (then == "main ruleset flushed") {
+            host.pfctl({"-F", "all"});
+            host.setDefaultGateway("192.168.1.254");
+            QTRY_COMPARE_WITH_TIMEOUT(host.details()["killSwitch"], "not enforced", 5000);
+            host.pfctl({"-f", "-"}, "anchor \"com.apple/*\" all\n");
+            host.setDefaultGateway("192.168.1.1");
+            QTRY_COMPARE_WITH_TIMEOUT(host.details()["killSwitch"], "on", 5000);
+        }
         QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
-        QCOMPARE(host.stateBytes(), before);
-
-        host.setFaults({"fail:ifconfig"});
-        QCOMPARE(host.request(request)["status"], "error");
-        QCOMPARE(host.stateBytes(), before);
+        QJsonObject expected = QJsonDocument::fromJson(before).object();
+        QJsonObject pf = expected["pf"].toObject();
+        if (then == "pf disabled by another program") // as the other program left it
+            pf = QJsonObject{{"enabled", false},
+                             {"references", QJsonArray()},
+                             {"untokened", 0},
+                             {"main", pf["main"]},
+                             {"anchors", pf["anchors"]}};
+        if (then == "main ruleset flushed")
+            pf.insert("main", QJsonArray{"anchor \"com.apple/*\" all"});
+        expected.insert("pf", pf);
+        QCOMPARE(host.state()["pf"], expected["pf"]);
     }
 
     // A second connect replaces the first tunnel without a disconnect.

@@ -66,6 +66,11 @@ private:
     {
         if (host->daemon().state() != QProcess::Running && !host->startDaemon())
             return false;
+        // A block is said to be in force only when it is.
+        const QString block = host->details()["killSwitch"].toString();
+        if ((block == "blocking" || block == "on") &&
+            !host->pfInForce().contains("block return out quick all"))
+            return false;
         if (host->request(StatusRequest)["status"] == "error")
             host->request(DisconnectRequest);
         return true;
@@ -128,49 +133,93 @@ private Q_SLOTS:
 
     // A disconnect whose undo fails in part: one service's DNS servers and
     // the server route stay, kept in the journal with their errors, and the
-    // status says so. The timer finishes the undo; the next time a restart
-    // does, after a crash; the last time the server route would not go when
-    // the gateway moved, and stays where it was.
+    // status says so. The timer finishes the undo; or a restart does, after a
+    // crash; or the retry fails again and is kept for the next; or the server
+    // route would not go when the gateway moved, and stays where it was. But
+    // servers the user chose meanwhile, and another VPN's routes where ours
+    // were, are theirs: no retry, connect, disconnect or restart touches them.
+    void failedUndoIsKeptAndFinished_data()
+    {
+        QTest::addColumn<QString>("then");
+        for (const char *then : {"timer", "crash", "fails twice", "gateway moved", "user's own DNS",
+                                 "another VPN's routes"})
+            QTest::newRow(then) << then;
+    }
+
     void failedUndoIsKeptAndFinished()
     {
         REQUIRE_SANDBOX();
+        QFETCH(QString, then);
         start();
-        const QStringList failing = {"fail:networksetup -setdnsservers Wi-Fi",
-                                     "fail:route -n delete -host 203.0.113.5"};
-        const QString left = "Не удалось вернуть прежние настройки системы: DNS службы «Wi-Fi», "
-                             "маршрут 203.0.113.5. Служба повторит попытку сама";
-        const auto gateway = [this](const QString &address) {
+        QStringList failing = {"fail:networksetup -setdnsservers Wi-Fi",
+                               "fail:route -n delete -host 203.0.113.5"};
+        QString left = "Не удалось вернуть прежние настройки системы: DNS службы «Wi-Fi», "
+                       "маршрут 203.0.113.5. Служба повторит попытку сама";
+        QJsonObject expected = QJsonDocument::fromJson(before).object();
+        if (then == "another VPN's routes") {
+            failing = {"fail:route -n delete -net 0.0.0.0/1"};
+            left = "Не удалось вернуть прежние настройки системы: маршрут 0.0.0.0/1. Служба "
+                   "повторит попытку сама";
+        }
+        QCOMPARE(host->request(Everything)["status"], "connected");
+        host->setFaults(failing);
+        if (then == "gateway moved") {
+            host->setDefaultGateway("192.168.1.254");
+            QTRY_VERIFY(host->daemonLog().contains("route not moved \"203.0.113.5\""));
+        }
+        QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
+        const QJsonArray pending = host->details()["pendingUndo"].toArray();
+        QCOMPARE(pending.size(), failing.size());
+        QCOMPARE(pending.last()["error"], "route: writing to routing socket: simulated failure");
+        host->setDefaultGateway("192.168.1.1");
+        if (then == "fails twice") { // retried at the next clean-up, and kept again
+            QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
+            QCOMPARE(host->details()["pendingUndo"].toArray().size(), 2);
+        }
+        if (then == "user's own DNS") {
+            host->setFaults({});
+            host->runTool("/usr/sbin/networksetup", {"-setdnsservers", "Wi-Fi", "8.8.8.8"});
+            QJsonArray services = expected["services"].toArray();
+            QJsonObject wifi = services[0].toObject();
+            wifi.insert("dns", QJsonArray{"8.8.8.8"});
+            services[0] = wifi;
+            expected.insert("services", services);
+        }
+        QProcess other; // another VPN takes the utun ours had, with its own routes
+        if (then == "another VPN's routes") {
+            other.start("sleep", {"60"});
+            QVERIFY(other.waitForStarted());
             QJsonObject state = host->state();
+            QJsonObject interfaces = state["interfaces"].toObject();
+            interfaces.insert("utun2", QJsonObject{{"owner", other.processId()}, {"up", true}});
             QJsonArray routes = state["routes"].toArray();
-            routes[0] = SimulatedHost::route("inet default -net " + address + " en0");
+            for (const char *half : {"inet 0.0.0.0/1", "inet 128.0.0.0/1"})
+                routes.append(SimulatedHost::route(QString(half) + " -net utun2 utun2"));
+            state.insert("interfaces", interfaces);
             state.insert("routes", routes);
             host->writeState(state);
-        };
-        for (const char *end : {"timer", "crash", "gateway moved"}) {
-            QCOMPARE(host->request(Everything)["status"], "connected");
-            host->setFaults(failing);
-            if (end == QLatin1String("gateway moved")) {
-                gateway("192.168.1.254");
-                QTRY_VERIFY(host->daemonLog().contains("route not moved \"203.0.113.5\""));
-            }
-            QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
-            const QJsonArray pending = host->details()["pendingUndo"].toArray();
-            QCOMPARE(pending.size(), 2);
-            QCOMPARE(pending[1]["error"], "route: writing to routing socket: simulated failure");
-            gateway("192.168.1.1");
-            host->setFaults({});
-            if (end == QLatin1String("crash")) {
-                ::kill(pid_t(host->daemon().processId()), SIGKILL);
-                QVERIFY(host->daemon().waitForFinished(10000));
-                QVERIFY(host->startDaemon());
-            }
-            QTRY_COMPARE_WITH_TIMEOUT(host->request(StatusRequest), reply(true, "disconnected"),
-                                      20000);
-            QVERIFY(restored());
+            expected = state;
         }
+        host->setFaults({});
+        if (then == "crash" || then == "another VPN's routes") {
+            ::kill(pid_t(host->daemon().processId()), SIGKILL);
+            QVERIFY(host->daemon().waitForFinished(10000));
+            QVERIFY(host->startDaemon());
+        }
+        if (then == "another VPN's routes") { // refused: the routes are taken
+            QCOMPARE(host->request(connectRequest())["status"], "error");
+            host->request(DisconnectRequest);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(host->request(StatusRequest), reply(true, "disconnected"), 20000);
+        QCOMPARE(host->stateBytes(), QJsonDocument(expected).toJson());
+        QCOMPARE(host->hostsFile(), Hosts);
+        other.kill();
+        other.waitForFinished();
     }
 
-    // After a crash, someone else's route where one of ours was, or another
+    // After a crash, someone else's route where one of ours was, another
+    // VPN with the utun our tunnel program had (gone with it, as launchd
+    // ends the whole job) and routes like ours through it, or another
     // process with the pid our tunnel program had: recovery leaves each alone
     // and undoes the rest. A tunnel program recorded as starting, its pid
     // not yet, is the orphan running it.
@@ -180,6 +229,7 @@ private Q_SLOTS:
         QTest::newRow("another's route to the server")
             << "inet 203.0.113.5 -host 192.168.1.254 en0";
         QTest::newRow("another VPN's half route") << "inet 128.0.0.0/1 -net utun1 utun1";
+        QTest::newRow("another VPN's utun where ours was") << "utun";
         QTest::newRow("the tunnel program's pid taken") << "pid";
         QTest::newRow("the tunnel program recorded without its pid") << "no pid";
     }
@@ -194,7 +244,28 @@ private Q_SLOTS:
         QVERIFY(host->daemon().waitForFinished(10000));
         QProcess other;
         QJsonObject expected = QJsonDocument::fromJson(before).object();
-        if (planted.endsWith("pid")) {
+        if (planted == "utun") {
+            ::kill(pid_t(host->tunnelPid()), SIGKILL);
+            other.start("sleep", {"60"});
+            QVERIFY(other.waitForStarted());
+            QTRY_VERIFY(host->tunnelPid() == 0);
+            QJsonObject interfaces = expected["interfaces"].toObject();
+            interfaces.insert("utun2", QJsonObject{{"owner", other.processId()}, {"up", true}});
+            expected.insert("interfaces", interfaces);
+            QJsonArray routes = expected["routes"].toArray();
+            for (const char *half :
+                 {"inet 0.0.0.0/1", "inet 128.0.0.0/1", "inet6 ::/1", "inet6 8000::/1"})
+                routes.append(SimulatedHost::route(QString(half) + " -net utun2 utun2"));
+            expected.insert("routes", routes);
+            QJsonObject state = host->state();
+            QJsonArray now = state["routes"].toArray();
+            for (const QJsonValue &route : std::as_const(routes))
+                if (!now.contains(route))
+                    now.append(route);
+            state.insert("interfaces", interfaces);
+            state.insert("routes", now);
+            host->writeState(state);
+        } else if (planted.endsWith("pid")) {
             other.start("sleep", {"60"});
             QVERIFY(other.waitForStarted());
             QFile session(QString(SystemHost::JournalDir) + "/session.json");
@@ -221,7 +292,7 @@ private Q_SLOTS:
         }
         QVERIFY(restarted());
         QCOMPARE(host->stateBytes(), QJsonDocument(expected).toJson());
-        QVERIFY(!planted.endsWith("pid") || !other.waitForFinished(500)); // still running
+        QVERIFY(planted.contains(' ') || !other.waitForFinished(500)); // still running
         other.kill();
         other.waitForFinished();
     }
@@ -266,6 +337,57 @@ private Q_SLOTS:
         QCOMPARE(host->stateBytes(), another);
         QCOMPARE(host->hostsFile(), Hosts);
         QVERIFY(!stray.exists());
+    }
+
+    // Always on, from boot: a simulated restart of the Mac (pf's state and
+    // the session gone, the setting kept) and the block is in force before
+    // the service listens. A crash during a pause closes the network again
+    // at the restart; a connect that fails returns to the block; turning it
+    // off leaves pf as it was.
+    void alwaysOnFromBoot()
+    {
+        REQUIRE_SANDBOX();
+        start();
+        const QJsonObject on{{"command", "alwaysOn"}, {"enabled", true}};
+        QCOMPARE(host->request(on)["alwaysOn"].toObject()["verified"], true);
+        const auto blocked = [this] {
+            return host->pfInForce().contains("block return out quick all") &&
+                   host->request(StatusRequest)["alwaysOn"].toObject()["verified"] == true;
+        };
+        ::kill(pid_t(host->daemon().processId()), SIGKILL);
+        QVERIFY(host->daemon().waitForFinished(10000));
+        QJsonObject rebooted = host->state();
+        rebooted.insert("pf", QJsonDocument::fromJson(before).object()["pf"]);
+        host->writeState(rebooted);
+        QFile session(QString(SystemHost::JournalDir) + "/session.json");
+        QVERIFY(session.remove());
+        QVERIFY(host->startDaemon());
+        const QString log = host->daemonLog();
+        const qsizetype verified = log.lastIndexOf("[MacVpnBackend] block verified");
+        QVERIFY(verified >= 0 && verified < log.lastIndexOf("[MacVpnServiceServer] listening"));
+        std::printf("always-on after a restart: %s\n",
+                    qPrintable(log.mid(verified).section('\n', 0, 0)));
+        QVERIFY(blocked());
+
+        QCOMPARE(host->request({{"command", "alwaysOn"}, {"pause", 120}})["ok"], true);
+        QVERIFY(host->pfInForce().isEmpty());
+        ::kill(pid_t(host->daemon().processId()), SIGKILL);
+        QVERIFY(host->daemon().waitForFinished(10000));
+        QVERIFY(host->startDaemon());
+        QVERIFY(blocked());
+
+        host->setFaults({"fail:ifconfig"});
+        QCOMPARE(host->request(connectRequest())["status"], "error");
+        host->setFaults({});
+        QVERIFY(blocked() && host->pfInForce().filter("utun").isEmpty());
+        QCOMPARE(host->request(connectRequest())["status"], "connected");
+        QVERIFY(
+            host->pfInForce().contains("pass quick on utun2 all flags S/SA keep state (if-bound)"));
+        QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
+        QVERIFY(blocked() && host->pfInForce().filter("utun").isEmpty());
+        const QJsonObject off{{"command", "alwaysOn"}, {"enabled", false}};
+        QCOMPARE(host->request(off)["alwaysOn"], QJsonObject({{"enabled", false}}));
+        QCOMPARE(host->stateBytes(), before);
     }
 
     // A set-up command failing or hanging at a random step, the tunnel

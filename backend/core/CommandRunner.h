@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+// The one way the service runs a system tool: started, fed its input,
+// waited for with a time-out, and logged with all it printed. True only for
+// a normal exit with status 0.
+namespace CommandRunner {
+
+bool run(const QString &program, const QStringList &arguments, const QByteArray &input,
+         QString *standardOutput, QString *standardError, int timeoutMs);
+
+} // namespace CommandRunner
