@@ -145,6 +145,8 @@ public:
     QStringList resolvedSplitTunnelRoutes(const QVariantMap &entry) const;
     bool configureDns(const ParsedVpnConfig &config);
     void restoreDns();
+    // The services "networksetup -listallnetworkservices" lists as enabled.
+    QStringList enabledServices(const QString &listing) const;
     void flushDnsCache() const;
     void installControlPlaneBypass(const QString &gateway);
     void removeControlPlaneBypass();
@@ -256,7 +258,6 @@ private:
     void moveGatewayRoutes(bool ipv6, const RoutingTable::Route &wayOut);
     void restoreMissingRoutes(bool ipv6, const RoutingTable &table);
     void configureDnsOnNewServices();
-    QStringList enabledServices(const QString &listing) const;
     // Reads each service's servers and records them, with the hosts block,
     // in one durable save; then pins the hosts and sets the servers.
     void applyLastingChanges(const QStringList &services, const QStringList &servers);

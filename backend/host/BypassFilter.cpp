@@ -47,6 +47,8 @@ Verdict filter(const QString &name, const QList<QHostAddress> &answers,
             reason = "link-local";
         else if (address.isMulticast())
             reason = "multicast";
+        else if (address.isBroadcast())
+            reason = "broadcast";
         else if (address.isNull() || address == QHostAddress::AnyIPv4 ||
                  address == QHostAddress::AnyIPv6)
             reason = "unspecified";

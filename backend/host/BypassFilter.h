@@ -10,8 +10,8 @@
 // is on, a captive portal or a hostile one among them: answering with the
 // tunnel's DNS servers would send all the Mac's DNS around the tunnel, and an
 // intranet address would divert traffic meant for it. So never the tunnel's
-// own addresses or DNS servers, loopback, link-local, multicast or the
-// unspecified address; a private address only for a name that is itself
+// own addresses or DNS servers, loopback, link-local, multicast, broadcast or
+// the unspecified address; a private address only for a name that is itself
 // local; and a few at most.
 namespace BypassFilter {
 

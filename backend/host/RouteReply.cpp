@@ -41,21 +41,4 @@ bool isNotInTable(const QString &failure)
     return failure.endsWith(QLatin1String("not in table"));
 }
 
-QString field(const QString &answer, const QString &name)
-{
-    for (const QString &line : answer.split(QLatin1Char('\n'))) {
-        const QString trimmed = line.trimmed();
-        if (trimmed.startsWith(name + QLatin1Char(':')))
-            return trimmed.mid(name.size() + 1).trimmed();
-    }
-    return QString();
-}
-
-QHostAddress address(const QString &text, bool ipv6)
-{
-    if (text == QLatin1String("default"))
-        return ipv6 ? QHostAddress(QHostAddress::AnyIPv6) : QHostAddress(QHostAddress::AnyIPv4);
-    return QHostAddress(text);
-}
-
 } // namespace RouteReply

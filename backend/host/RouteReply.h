@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QHostAddress>
 #include <QString>
 
 // What route(8) answered. macOS's route prints a refusal of the kernel (a
@@ -17,12 +16,5 @@ QString failure(bool isChange, bool exitedCleanly, const QString &standardOutput
 
 // The route asked about or deleted is not there.
 bool isNotInTable(const QString &failure);
-
-// A field of "route get"'s answer: "destination", "mask", "gateway", "interface".
-QString field(const QString &answer, const QString &name);
-
-// An address as route prints it, where the zero address of either family may
-// read "default".
-QHostAddress address(const QString &text, bool ipv6);
 
 } // namespace RouteReply

@@ -8,7 +8,12 @@
 
 #include "backend/MacVpnBackend.h"
 #include "backend/core/HostJournal.h"
+#include "backend/host/BypassFilter.h"
+#include "backend/host/PfctlReply.h"
+#include "backend/host/RouteReply.h"
+#include "backend/host/RoutingTable.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QTest>
@@ -110,6 +115,104 @@ private Q_SLOTS:
         QCOMPARE(pure.allowedIps(clientConfig({{"allowed_ips", "10.0.0.0/8"}})),
                  (QStringList{"0.0.0.0/0", "::/0"}));
         QCOMPARE(pure.hexKey(QString(TestKeys::Preshared) + "\n"), TestKeys::PresharedHex);
+    }
+
+    // What the real tools printed on a Mac (tests/standins/transcripts), read
+    // by the product's own readers: each record's reading is the one it holds.
+    void readsTheToolsAsTheyAnswer_data()
+    {
+        QTest::addColumn<QJsonObject>("record");
+        QDir transcripts(QFINDTESTDATA("../standins/transcripts"));
+        for (const QString &release : transcripts.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            for (const QFileInfo &file :
+                 QDir(transcripts.filePath(release)).entryInfoList({"*.json"})) {
+                QFile records(file.filePath());
+                QVERIFY(records.open(QIODevice::ReadOnly));
+                for (const QJsonValue &record :
+                     QJsonDocument::fromJson(records.readAll()).array()) {
+                    if (record["reader"].isString())
+                        QTest::newRow(qPrintable(release + ": " + record["source"].toString()))
+                            << record.toObject();
+                }
+            }
+        }
+    }
+
+    void readsTheToolsAsTheyAnswer()
+    {
+        QFETCH(QJsonObject, record);
+        const QString out = record["stdout"].toString(), err = record["stderr"].toString();
+        const QString reader = record["reader"].toString();
+        QJsonValue read;
+        if (reader == "pfctl-token")
+            read = PfctlReply::enableToken(err);
+        else if (reader == "pfctl-references")
+            read = QJsonArray::fromStringList(PfctlReply::references(out));
+        else if (reader == "pfctl-enabled")
+            read = PfctlReply::isEnabled(out);
+        else if (reader == "pfctl-reaches")
+            read = PfctlReply::reachesAppleAnchors(out);
+        else if (reader == "pfctl-rules")
+            read = PfctlReply::ruleCount(out);
+        else if (reader == "pfctl-gone")
+            read = PfctlReply::referenceGone(err);
+        else if (reader == "route-failure")
+            read =
+                RouteReply::failure(record["command"][2] != "get", record["status"] == 0, out, err);
+        else if (reader == "services")
+            read = QJsonArray::fromStringList(pure.enabledServices(out));
+        else if (reader == "netstat") {
+            QJsonArray routes;
+            for (const RoutingTable::Route &route : RoutingTable::parse(out).routes)
+                routes.append(QString("%1/%2 %3 %4")
+                                  .arg(route.network.toString())
+                                  .arg(route.prefix)
+                                  .arg(route.gateway, route.interface));
+            read = routes;
+        }
+        QCOMPARE(read, record["expect"]);
+    }
+
+    // The network's resolver never routes these around the tunnel: whole
+    // ranges, not one address of each.
+    void bypassRefusesWholeRanges_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("reason");
+        const QStringList loopback = {"127.0.0.1", "127.0.0.2", "127.255.255.254", "::1"};
+        const QStringList linkLocal = {"169.254.0.1", "169.254.255.254", "fe80::1", "febf::1"};
+        const QStringList multicast = {"224.0.0.1", "239.255.255.250", "ff02::1", "ff0e::1"};
+        for (const auto &[addresses, reason] : {std::pair{loopback, "loopback"},
+                                                {linkLocal, "link-local"},
+                                                {multicast, "multicast"}}) {
+            for (const QString &address : addresses)
+                QTest::newRow(qPrintable(address)) << address << reason;
+        }
+        QTest::newRow("broadcast") << "255.255.255.255"
+                                   << "broadcast";
+        QTest::newRow("0.0.0.0") << "0.0.0.0"
+                                 << "unspecified";
+        QTest::newRow("::") << "::"
+                            << "unspecified";
+        QTest::newRow("the tunnel's DNS") << "1.1.1.1"
+                                          << "the tunnel's own";
+        QTest::newRow("the tunnel's address") << "10.8.1.2"
+                                              << "the tunnel's own";
+        QTest::newRow("private, for a public name") << "10.1.2.3"
+                                                    << "private, for a name that is not local";
+        QTest::newRow("a public address") << "198.51.100.10"
+                                          << "";
+    }
+
+    void bypassRefusesWholeRanges()
+    {
+        QFETCH(QString, address);
+        QFETCH(QString, reason);
+        const BypassFilter::Verdict verdict =
+            BypassFilter::filter("tarvex.com", {QHostAddress(address)},
+                                 {QHostAddress("1.1.1.1"), QHostAddress("10.8.1.2")});
+        QCOMPARE(verdict.dropped,
+                 reason.isEmpty() ? QStringList() : QStringList{address + ": " + reason});
     }
 
     // Only our block's bytes change: unpinning gives back the file as it was,

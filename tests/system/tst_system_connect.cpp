@@ -302,6 +302,49 @@ private Q_SLOTS:
         QCOMPARE(host.state()["pf"], expected["pf"]);
     }
 
+    // What outlasts a reboot is on stable storage before the step it records
+    // acts: each write (or removal) of the settings record is flushed, the
+    // file before its rename and the directory after it, before the next
+    // tool runs or /etc/hosts changes. Watched with strace.
+    void settingsReachStableStorageFirst()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        QProcess strace;
+        strace.start("strace", {"-f", "-qq", "-y", "-e", "trace=fsync,rename,unlink,execve", "-o",
+                                "/tmp/trace", "-p", QString::number(host.daemon().processId())});
+        QTRY_VERIFY(QFile::exists("/tmp/trace"));
+        QTest::qWait(300);
+        QCOMPARE(host.request(connectRequest())["status"], "connected");
+        QCOMPARE(host.request(DisconnectRequest)["status"], "disconnected");
+        strace.terminate();
+        QVERIFY(strace.waitForFinished());
+        QFile trace("/tmp/trace");
+        QVERIFY(trace.open(QIODevice::ReadOnly));
+        int records = 0;
+        bool fileFlushed = false, directoryDue = false;
+        for (const QByteArray &line : trace.readAll().split('\n')) {
+            if (line.contains("fsync(") && line.contains("/.settings.json.tarvex-"))
+                fileFlushed = true;
+            if (line.contains("fsync(") && line.endsWith("/Journal>) = 0"))
+                directoryDue = false;
+            if (line.contains("execve(") || line.contains("/etc/hosts>") ||
+                line.contains("\"/etc/hosts\""))
+                QVERIFY2(!directoryDue, line.constData());
+            if (line.contains("/settings.json\") = 0")) {
+                QVERIFY2(fileFlushed || line.contains("unlink("), line.constData());
+                fileFlushed = false;
+                directoryDue = true;
+                ++records;
+            }
+        }
+        QVERIFY(!directoryDue);
+        std::printf("the settings record written %d times, each on stable storage first\n",
+                    records);
+        QVERIFY(records >= 2);
+    }
+
     // A second connect replaces the first tunnel without a disconnect.
     void reconnect()
     {
