@@ -219,18 +219,20 @@ public:
     }
 
     // The same exchange from a process of that user, with no groups of its
-    // own, as many times in a row as asked; the last reply.
-    QJsonObject requestAs(uid_t uid, const QJsonObject &message, int times = 1) const
+    // own, after so many status requests of that user.
+    QJsonObject requestAs(uid_t uid, const QJsonObject &message, int statusFirst = 0) const
     {
         const QString id = QString::number(uid);
         QProcess client;
         client.start("setpriv",
                      {"--reuid", id, "--regid", id, "--clear-groups", "/usr/bin/python3", "-c",
-                      "import socket, sys\nline = sys.stdin.buffer.read()\n"
-                      "for _ in range(int(sys.argv[2])):\n"
+                      "import socket, sys\ndef ask(line):\n"
                       "    s = socket.socket(socket.AF_UNIX)\n    s.connect(sys.argv[1])\n"
-                      "    s.sendall(line)\n    reply = s.makefile().readline()\nprint(reply)",
-                      VpnServiceProtocol::socketPath(), QString::number(times)});
+                      "    s.sendall(line)\n    return s.makefile().readline()\n"
+                      "for _ in range(int(sys.argv[2])):\n"
+                      "    ask(b'{\"command\":\"status\"}\\n')\n"
+                      "print(ask(sys.stdin.buffer.read()))",
+                      VpnServiceProtocol::socketPath(), QString::number(statusFirst)});
         client.write(VpnServiceProtocol::encodeMessage(message));
         client.closeWriteChannel();
         client.waitForFinished(30000);

@@ -204,6 +204,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("then");
         for (const char *then : {"tunnel dies", "tunnel dies, LAN allowed", "reconnect fails",
                                  "reconnect fails while blocking", "stopped while blocking",
+                                 "killed right after pf was enabled",
                                  "pf disabled by another program", "main ruleset flushed"})
             QTest::newRow(then) << then;
     }
@@ -269,6 +270,15 @@ private Q_SLOTS:
         } else if (then == "stopped while blocking") {
             QCOMPARE(host.stopDaemon(), 0);
             QVERIFY(host.pfInForce().contains("block return out quick all"));
+            QVERIFY(host.startDaemon());
+            QCOMPARE(host.request(StatusRequest), blocking);
+            QVERIFY(blocked());
+        } else if (then == "killed right after pf was enabled") { // its token unrecorded
+            QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+            host.killDaemonAt(host.calls().size() + calls.indexOf("pfctl -E") + 1);
+            host.request(request);
+            host.waitForKill();
+            host.setFaults({});
             QVERIFY(host.startDaemon());
             QCOMPARE(host.request(StatusRequest), blocking);
             QVERIFY(blocked());

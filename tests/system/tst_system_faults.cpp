@@ -342,12 +342,20 @@ private Q_SLOTS:
     // Always on, from boot: a simulated restart of the Mac (pf's state and
     // the session gone, the setting kept) and the block is in force before
     // the service listens. A crash during a pause closes the network again
-    // at the restart; a connect that fails returns to the block; turning it
-    // off leaves pf as it was.
+    // at the restart; a connect that fails returns to the block; a server by
+    // name is reached at its last address; turning it off leaves pf as it was.
     void alwaysOnFromBoot()
     {
         REQUIRE_SANDBOX();
         start();
+        // A server by name, connected to once: its address is kept for when
+        // the block keeps its name from being looked up.
+        ParsedVpnConfig named = clientConfig({{"hostName", "vpn.example"}});
+        named.hostName = "vpn.example";
+        host->writeHostsFile(Hosts + "\n203.0.113.5\tvpn.example\n");
+        QCOMPARE(host->request(connectRequest(named))["status"], "connected");
+        QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
+        host->writeHostsFile(Hosts);
         const QJsonObject on{{"command", "alwaysOn"}, {"enabled", true}};
         QCOMPARE(host->request(on)["alwaysOn"].toObject()["verified"], true);
         const auto blocked = [this] {
@@ -380,7 +388,7 @@ private Q_SLOTS:
         QCOMPARE(host->request(connectRequest())["status"], "error");
         host->setFaults({});
         QVERIFY(blocked() && host->pfInForce().filter("utun").isEmpty());
-        QCOMPARE(host->request(connectRequest())["status"], "connected");
+        QCOMPARE(host->request(connectRequest(named))["status"], "connected");
         QVERIFY(
             host->pfInForce().contains("pass quick on utun2 all flags S/SA keep state (if-bound)"));
         QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
