@@ -14,6 +14,7 @@
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // Skips the calling test unless it may use the sandboxed host.
@@ -122,6 +123,17 @@ public:
         process.setStandardOutputFile(logPath, QIODevice::Append);
         process.setStandardErrorFile(logPath, QIODevice::Append);
         const qsizetype readyBefore = daemonLog().count("[MacVpnServiceServer] ready");
+        // A killed instance's socket may still take connections for a moment,
+        // held by a child it had forked but that had not yet run its program:
+        // only a socket file of the new instance's counts.
+        const auto socketFile = [] {
+            struct stat info = {};
+            return ::stat(QFile::encodeName(VpnServiceProtocol::socketPath()).constData(), &info) ==
+                           0
+                       ? info.st_ino
+                       : ino_t(0);
+        };
+        const ino_t previous = socketFile();
         process.start(QString(InstallDir) + "/TarvexVpnService", QStringList());
         if (!process.waitForStarted(5000))
             return false;
@@ -131,7 +143,7 @@ public:
             QLocalSocket probe;
             probe.connectToServer(VpnServiceProtocol::socketPath());
             if (ready ? daemonLog().count("[MacVpnServiceServer] ready") > readyBefore
-                      : probe.waitForConnected(100))
+                      : socketFile() != previous && probe.waitForConnected(100))
                 return true;
             if (process.waitForFinished(20))
                 return false;
