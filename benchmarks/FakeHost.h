@@ -28,6 +28,8 @@ public:
     void installTunnel();
     void setTunnelFaults(const QString &faults);
     void resolve(const QString &name, const QStringList &addresses);
+    // Every tool call so far, as a command line.
+    QStringList calls() const { return simulated.commandLines(); }
 
     static QString binary(const QString &name);
 
