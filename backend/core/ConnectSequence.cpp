@@ -167,7 +167,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     flushDnsCache();
 
     // A connect without the kill switch ends a block the last one left,
-    // unless always-on keeps it; with DNS set, the rules know its servers.
+    // unless always-on keeps it.
     killSwitchHeld = killSwitch.enabled;
     succeeded = true;
     if (!updateBlock()) {
