@@ -122,7 +122,8 @@ private Q_SLOTS:
     void readsTheToolsAsTheyAnswer_data()
     {
         QTest::addColumn<QJsonObject>("record");
-        QDir transcripts(QFINDTESTDATA("../standins/transcripts"));
+        const QDir transcripts("tests/standins/transcripts");
+        QVERIFY(transcripts.exists());
         for (const QString &release : transcripts.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             for (const QFileInfo &file :
                  QDir(transcripts.filePath(release)).entryInfoList({"*.json"})) {
