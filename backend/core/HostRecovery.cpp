@@ -66,8 +66,7 @@ bool MacVpnBackend::recoverHostChanges()
 {
     if (!takeOverJournal(JournalLockWaitMs))
         return false;
-    const HostJournal::Records records = journalState();
-    if (records.session.isEmpty() && pendingUndo.isEmpty() && savedDnsServers.isEmpty() &&
+    if (journalState().session.isEmpty() && pendingUndo.isEmpty() && savedDnsServers.isEmpty() &&
         !hostsPinned && !blockWanted())
         return true;
 

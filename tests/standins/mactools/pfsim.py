@@ -9,6 +9,7 @@ import ipaddress, os, re, subprocess, time
 FLUSH_WARNING = ("pfctl: Use of -f option, could result in flushing of rules\n"
                  "present in the main ruleset added by the system at startup.\n"
                  "See /etc/pf.conf for further details.\n\n")
+# Not recorded past its first words ("and the usage text"): as pfctl.c's usage() prints it.
 USAGE = ("usage: pfctl [-AdEeghMmNnOPqRrvz] [-a anchor] [-D macro=value] [-F modifier]\n"
          "\t[-f file] [-i interface] [-K host | network] [-k host | network ]\n"
          "\t[-o level] [-p device] [-s modifier ] [-t table -T command [address ...]]\n"
@@ -185,7 +186,7 @@ def pfctl(host, words, stdin, state_dir):
     anchor = ""
     if words[:1] == ["-a"] and len(words) > 1:
         anchor, words = words[1], words[2:]
-        if anchor.startswith("_"):
+        if anchor.startswith("_"):  # refused, as recorded; the words are pfctl.c's
             raise Failure(f"pfctl: anchor names beginning with '_' cannot be modified from the command line\n")
     option, value = (words + ["", ""])[:2]
     if len(words) == 2 and option == "-s":
@@ -193,7 +194,7 @@ def pfctl(host, words, stdin, state_dir):
         if not shown:
             raise Failure(f"pfctl: Unknown show modifier '{value}'\n" + USAGE)
         if shown == "rules":
-            if anchor and anchor not in pf["anchors"]:
+            if anchor and anchor not in pf["anchors"]:  # not recorded: the less convenient answer
                 raise Failure("pfctl: DIOCGETRULES: Invalid argument\n")
             return "".join(r + "\n" for r in (pf["anchors"][anchor] if anchor else pf["main"])), ""
         if shown == "info":
