@@ -3,6 +3,8 @@
 #include "Requests.h"
 #include "SystemHost.h"
 
+#include <cstdio>
+
 namespace {
 
 // Listens as another user at the paths given; whatever it hears goes to
@@ -171,15 +173,14 @@ private Q_SLOTS:
         host.setFaults({"hang:netstat -rn -f inet"});
         const qsizetype ready = host.daemonLog().count("[MacVpnServiceServer] ready");
         QVERIFY(host.startDaemon(QString(), false));
-        QElapsedTimer answered;
-        answered.start();
         QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));
-        QVERIFY(answered.elapsed() < 1000);
         QJsonObject refused = reply(false, "disconnected",
                                     "Служба VPN ещё восстанавливает настройки системы после "
                                     "прошлого запуска; повторите через несколько секунд");
         refused.insert("recovering", true);
         QCOMPARE(host.request(connectRequest()), refused);
+        // Both answered while the recovery still waited for the hung tool.
+        QCOMPARE(host.daemonLog().count("[MacVpnServiceServer] ready"), ready);
         QTRY_VERIFY_WITH_TIMEOUT(host.daemonLog().count("[MacVpnServiceServer] ready") > ready,
                                  20000);
         host.setFaults({});
@@ -198,13 +199,15 @@ private Q_SLOTS:
         QElapsedTimer clock;
         clock.start();
         first.connectToServer(VpnServiceProtocol::socketPath());
-        QVERIFY(first.waitForConnected(1000));
-        // Its 5 s, not the 9 s of the one after it; a wide margin either side.
+        QVERIFY(first.waitForConnected(5000));
         QTest::qWait(4000);
         second.connectToServer(VpnServiceProtocol::socketPath());
-        QVERIFY(second.waitForConnected(1000));
-        QVERIFY(first.waitForDisconnected(10000));
-        QVERIFY2(clock.elapsed() < 7000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(second.waitForConnected(5000));
+        QVERIFY(first.waitForDisconnected(30000));
+        std::printf("a silent client closed after %lld ms\n", qlonglong(clock.elapsed()));
+        // Its own 5 s, not the 9 s of the one after it: that one is still open.
+        QVERIFY(!second.waitForDisconnected(1000));
+        QVERIFY(second.waitForDisconnected(30000));
     }
 
     // A socket file replaced under the service, not removed, leaves it as
