@@ -4,6 +4,7 @@
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/HostJournal.h"
 #include "backend/core/PendingUndo.h"
+#include "backend/host/EndpointMemory.h"
 #include "backend/host/KillSwitch.h"
 #include "backend/host/RouteEntry.h"
 #include "backend/host/RouteMonitor.h"
@@ -81,6 +82,9 @@ public:
     void connectVpn(const ParsedVpnConfig &config) override;
     void connectVpn(const ParsedVpnConfig &config, const QVariantMap &peer) override;
     void disconnectVpn() override;
+    // Why a connect with these values is refused before anything is
+    // touched; empty when it is not.
+    QString refusal(const ParsedVpnConfig &config, const QVariantMap &peer) const;
     // While connected: the interface, the endpoint, how long the tunnel has
     // been up, and, asked of the tunnel program, the last handshake (seconds
     // since the epoch, 0 for none) and the bytes received and sent; at any
@@ -308,8 +312,7 @@ private:
     KillSwitch firewall;
     AlwaysOnSettings alwaysOn;
     QTimer pause;
-    // Named endpoints and the address each last went by.
-    QMap<QString, QString> endpointAddresses;
+    EndpointMemory endpointAddresses;
     QString firewallEndpoint;
     int firewallPort = 0;
     bool stoppingTunnel = false;

@@ -187,7 +187,12 @@ QString duration(qint64 seconds)
 void printDetails(const QJsonObject &details)
 {
     if (details.contains(QLatin1String("killSwitch")))
-        out() << "kill switch: " << details.value(QLatin1String("killSwitch")).toString() << '\n';
+        out() << "kill switch: " << details.value(QLatin1String("killSwitch")).toString()
+              << (details.contains(QLatin1String("blockProblem"))
+                      ? QStringLiteral(" (%1)").arg(
+                            details.value(QLatin1String("blockProblem")).toString())
+                      : QString())
+              << '\n';
     for (const QJsonValue &step : details.value(QLatin1String("pendingUndo")).toArray())
         out() << "still to undo: " << step[QLatin1String("what")].toString() << " ("
               << step[QLatin1String("error")].toString() << ")\n";

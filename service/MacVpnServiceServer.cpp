@@ -2,7 +2,6 @@
 
 #include "backend/core/LogMasking.h"
 #include "backend/core/PrivateDirectory.h"
-#include "config/ConnectValidator.h"
 #include "protocol/PeerCredentials.h"
 #include "protocol/VpnServiceProtocol.h"
 
@@ -219,7 +218,7 @@ QJsonObject MacVpnServiceServer::handleRequest(const QJsonObject &request, uid_t
             request.value(QLatin1String("config")).toObject());
         const QJsonObject peer = request.value(QLatin1String("peer")).toObject();
         // Refused before anything changes: a tunnel already up stays up.
-        const QString problem = ConnectValidator::problem(config, peer.toVariantMap());
+        const QString problem = backend.refusal(config, peer.toVariantMap());
         if (!problem.isEmpty()) {
             qWarning() << "[MacVpnServiceServer] connect refused" << problem;
             return statusResponse(false, problem, caller);

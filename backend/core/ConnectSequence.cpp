@@ -19,7 +19,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
             << "host=" << endpointHost(config);
 
     // Every value is checked before anything is touched, the clean-up included.
-    const QString problem = ConnectValidator::problem(config, peer);
+    const QString problem = refusal(config, peer);
     if (!problem.isEmpty()) {
         qWarning() << "[MacVpnBackend] connect refused" << problem;
         setError(problem);
@@ -65,12 +65,6 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
     qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
 
-    // With always-on, only what is selected would reach anything at all.
-    if (alwaysOn.enabled && splitTunnel.enabled && splitTunnel.mode == 1) {
-        setError(ConnectValidator::onlySelectedBlockedMessage());
-        return;
-    }
-
     tunnelAddresses.clear();
     tunnelDnsServers.clear();
     for (const QString &server : {config.dns1, config.dns2}) {
@@ -98,7 +92,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
 
     if (!NetworkText::isAddress(endpointHost(config)))
-        endpointAddresses.insert(endpointHost(config), resolved.hostName);
+        endpointAddresses.remember(endpointHost(config), resolved.hostName);
 
     // Before the tunnel program starts: from then on, with a block, only the
     // server's port leaves outside the tunnel.
@@ -183,6 +177,18 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     watchNetwork();
     saveJournal();
     Q_EMIT connected();
+}
+
+QString MacVpnBackend::refusal(const ParsedVpnConfig &config, const QVariantMap &peer) const
+{
+    const QString problem = ConnectValidator::problem(config, peer);
+    if (!problem.isEmpty())
+        return problem;
+    // With always-on, only what is selected would reach anything at all.
+    const SplitTunnelSettings split = splitTunnelFromPeer(peer);
+    if (alwaysOn.enabled && split.enabled && split.mode == 1)
+        return ConnectValidator::onlySelectedBlockedMessage();
+    return QString();
 }
 
 bool MacVpnBackend::connectInProgress() const

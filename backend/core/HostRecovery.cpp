@@ -84,7 +84,7 @@ bool MacVpnBackend::recoverHostChanges()
     if (blockWanted()) {
         if (!firewall.engage(blockRules(), &recoveryError))
             qWarning() << "[MacVpnBackend] block not put in force" << recoveryError;
-    } else if (firewall.isEngaged()) {
+    } else if (firewall.holdsPf()) {
         pendingUndo.firewall = firewall.lift();
     }
     flushDnsCache();

@@ -15,9 +15,6 @@
 namespace {
 
 constexpr int JournalVersion = 3;
-// Named endpoints remembered, for a connect that the block keeps from
-// looking its name up.
-constexpr int MaxEndpointNames = 32;
 
 using JournalValues::ignored;
 
@@ -46,7 +43,7 @@ HostJournal::Records MacVpnBackend::journalState() const
         routes.append(route.toJson());
     if (!routes.isEmpty())
         session.insert(QStringLiteral("routes"), routes);
-    if (firewall.isEngaged()) {
+    if (firewall.holdsPf()) {
         QJsonObject block = firewall.record();
         block.insert(QStringLiteral("held"), killSwitchHeld);
         session.insert(QStringLiteral("killSwitch"), block);
@@ -73,13 +70,7 @@ HostJournal::Records MacVpnBackend::journalState() const
         settings.insert(QStringLiteral("alwaysOn"),
                         QJsonObject{{QStringLiteral("enabled"), true},
                                     {QStringLiteral("allowLan"), alwaysOn.allowLan}});
-    QJsonObject endpoints;
-    for (auto it = endpointAddresses.cbegin(); it != endpointAddresses.cend(); ++it) {
-        if (endpoints.size() < MaxEndpointNames)
-            endpoints.insert(it.key(), it.value());
-    }
-    if (!endpoints.isEmpty())
-        settings.insert(QStringLiteral("endpoints"), endpoints);
+    endpointAddresses.write(&settings);
     if (!settings.isEmpty())
         settings.insert(QStringLiteral("version"), JournalVersion);
     return {session, settings};
@@ -129,11 +120,7 @@ void MacVpnBackend::adoptJournalState(const HostJournal::Records &records)
     const QJsonObject always = settings.value(QLatin1String("alwaysOn")).toObject();
     alwaysOn = {always.value(QLatin1String("enabled")).toBool(),
                 always.value(QLatin1String("allowLan")).toBool()};
-    const QJsonObject endpoints = settings.value(QLatin1String("endpoints")).toObject();
-    for (auto it = endpoints.begin(); it != endpoints.end(); ++it) {
-        if (NetworkText::isHostName(it.key()) && NetworkText::isAddress(it.value().toString()))
-            endpointAddresses.insert(it.key(), it.value().toString());
-    }
+    endpointAddresses.read(settings);
 }
 
 void MacVpnBackend::adoptSession(const QJsonObject &session)

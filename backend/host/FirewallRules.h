@@ -10,12 +10,16 @@
 // address, to anywhere. Evaluation stops at the first rule that matches.
 // Always let through: loopback; DHCP to the broadcast address and DHCPv6 to
 // the link's servers; neighbour and router discovery on the link. Then, as
-// given: the tunnel (its states bound to its interface), DNS only to the
-// tunnel's servers through it, the server's port for the tunnel program
-// alone, the control-plane hosts for HTTPS, the exclusions of split
-// tunnelling and, when asked for, the local networks. Everything else is
-// refused: at once for what the Mac sends, so that applications fail
-// instead of hanging; silently for what arrives.
+// given: the server's port for the tunnel program alone, the tunnel (its
+// states bound to its interface), DNS only to the tunnel's servers through
+// it, the control-plane hosts for HTTPS, the exclusions of split tunnelling
+// and, when asked for, the local networks. Everything else is refused: at
+// once for what the Mac sends, so that applications fail instead of
+// hanging; silently for what arrives.
+//
+// Each rule is written as pfctl prints it back ("pfctl -a ANCHOR -s rules"),
+// ports by number: loaded without the optimiser, what pf holds reads back
+// line for line as what was sent (see PfctlReply::sameRules).
 namespace FirewallRules {
 
 struct Allowed
@@ -31,9 +35,13 @@ struct Allowed
     bool operator==(const Allowed &other) const;
 };
 
-// One rule a line, no lists: pfctl prints the rules it holds one a line too,
-// so that the two can be counted against each other.
 QStringList rules(const Allowed &allowed);
 QByteArray text(const Allowed &allowed);
+
+// What "pfctl -k" must end when the rules change from before to after: each
+// entry a source and a destination, for the states of the connections the
+// new rules no longer pass. Every state of both families when the block
+// begins without a tunnel or the tunnel leaves it.
+QList<QStringList> statesToKill(const Allowed *before, const Allowed &after);
 
 } // namespace FirewallRules

@@ -4,16 +4,12 @@
 #include "backend/core/CommandRunner.h"
 #include "backend/host/PfctlReply.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QThread>
 
 namespace {
-
-// Slept, if the wall clock ran this much further than the monotonic one.
-constexpr qint64 SleepGapMs = 5000;
 
 bool isToken(const QString &text)
 {
@@ -22,13 +18,16 @@ bool isToken(const QString &text)
     return digits.match(text).hasMatch();
 }
 
+const QString NotReached =
+    QStringLiteral("the main ruleset does not reach the anchors under com.apple");
+
 } // namespace
 
 KillSwitch::KillSwitch(QString pfctlTool, std::function<bool(QString *)> record, QObject *parent)
     : QObject(parent), tool(std::move(pfctlTool)), saveJournal(std::move(record))
 {
-    timer.setInterval(CheckIntervalMs);
-    connect(&timer, &QTimer::timeout, this, &KillSwitch::periodicCheck);
+    timer.setInterval(RoundIntervalMs);
+    connect(&timer, &QTimer::timeout, this, &KillSwitch::verify);
 }
 
 bool KillSwitch::pfctl(const QStringList &arguments, QString *output, QString *error,
@@ -39,40 +38,44 @@ bool KillSwitch::pfctl(const QStringList &arguments, QString *output, QString *e
 
 bool KillSwitch::engage(const FirewallRules::Allowed &rules, QString *error)
 {
-    if (engaged && !stale && rules == allowed)
+    if (engaged && loaded && rules == allowed)
         return true;
-    const bool enablingNow = !engaged;
-    const bool killing = rules.tunnelInterface.isEmpty() &&
-                         (!engaged || stale || !allowed.tunnelInterface.isEmpty());
+    const bool wasInForce = engaged && loaded;
+    const QList<QStringList> kills =
+        FirewallRules::statesToKill(wasInForce ? &allowed : nullptr, rules);
+    const bool enablingNow = token.isEmpty() && !enabling;
+    // A block in force whose last round found nothing wrong is still so; any
+    // other is checked as it begins.
+    const bool checking = !wasInForce || state == Enforcement::Unverified;
     allowed = rules;
     engaged = true;
-    stale = false;
     if (enablingNow) {
         enabling = true;
         knownReferences = references();
     }
-    // Already engaged, pf may have been disabled since by someone's "pfctl -d".
-    if (!saveJournal(error) || !loadRules(error) ||
-        !(enablingNow ? enable(error) : check(PfEnabled))) {
+    if (!saveJournal(error) || !loadRules(error)) {
         if (error->isEmpty())
-            *error = QStringLiteral("pfctl -s info");
+            *error = QStringLiteral("pfctl -f");
         return false;
     }
-    if (killing)
-        killStates();
-    // Loaded and enabled just now: what is left to see is whether the main
-    // ruleset still reaches the anchor.
-    check(AnchorReached);
-    setState(reached ? Enforcement::Enforced : Enforcement::NotEnforced);
+    loaded = true;
+    if (enablingNow ? !enable(error) : checking && !pfEnabled(error))
+        return false;
+    killStates(kills);
+    if (checking)
+        round(AnchorReached);
     return true;
 }
 
 bool KillSwitch::loadRules(QString *error)
 {
-    // pfctl warns on standard error that -f may flush rules, and exits 0.
+    // Without the optimiser, so that pf holds these very rules, in this
+    // order, and prints them back as they were written. pfctl warns on
+    // standard error that -f may flush rules, and exits 0.
     QString output;
     QString warning;
-    if (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-f"), QStringLiteral("-")},
+    if (pfctl({QStringLiteral("-o"), QStringLiteral("none"), QStringLiteral("-a"), KillSwitchAnchor,
+               QStringLiteral("-f"), QStringLiteral("-")},
               &output, &warning, FirewallRules::text(allowed)))
         return true;
     *error = warning.trimmed().section(QLatin1Char('\n'), -2);
@@ -93,12 +96,16 @@ bool KillSwitch::enable(QString *error)
     return false;
 }
 
-// By source: every IPv4 and every IPv6 state. A connection the rules still
+// "pfctl -k SOURCE -k DESTINATION" for each. A connection the rules still
 // pass gets a new state from its next packet; the others stop here.
-void KillSwitch::killStates()
+void KillSwitch::killStates(const QList<QStringList> &kills)
 {
-    for (const char *everyone : {"0.0.0.0/0", "::/0"})
-        pfctl({QStringLiteral("-k"), QLatin1String(everyone)}, nullptr, nullptr);
+    for (const QStringList &kill : kills) {
+        QStringList arguments;
+        for (const QString &host : kill)
+            arguments << QStringLiteral("-k") << host;
+        pfctl(arguments, nullptr, nullptr);
+    }
 }
 
 QStringList KillSwitch::references() const
@@ -114,13 +121,19 @@ QStringList KillSwitch::references() const
 // it is the one new since; should there be more than one, none is taken.
 QString KillSwitch::lift()
 {
-    if (!engaged)
+    if (!holdsPf())
         return QString();
     QString error;
-    if (!pfctl(
-            {QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-F"), QStringLiteral("all")},
-            nullptr, &error))
-        return error.trimmed();
+    if (engaged || loaded) {
+        if (!pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-F"),
+                    QStringLiteral("all")},
+                   nullptr, &error))
+            return error.trimmed();
+        loaded = false;
+        engaged = false;
+        watch();
+        Q_EMIT enforcementChanged();
+    }
     if (token.isEmpty() && enabling) {
         QStringList added = references();
         for (const QString &known : std::as_const(knownReferences))
@@ -131,116 +144,129 @@ QString KillSwitch::lift()
             qWarning() << "[MacVpnBackend] pf reference of ours not told from others'" << added;
     }
     if (!token.isEmpty() && !pfctl({QStringLiteral("-X"), token}, nullptr, &error) &&
-        !PfctlReply::referenceGone(error))
+        !PfctlReply::referenceGone(error)) {
+        saveJournal(nullptr);
         return error.trimmed();
+    }
     qInfo() << "[MacVpnBackend] kill switch off";
-    engaged = false;
     enabling = false;
     token.clear();
     knownReferences.clear();
     allowed = FirewallRules::Allowed();
     state = Enforcement::Unverified;
+    problems.clear();
     saveJournal(nullptr);
-    watch();
     return QString();
 }
 
-// A check that finds something missing puts it back; the main ruleset is
-// the user's, or another program's, and is only reported on.
-bool KillSwitch::check(Check which)
+// Someone's "pfctl -d" voided every token, ours too: pf is enabled again
+// under a new one, recorded first.
+bool KillSwitch::pfEnabled(QString *problem)
 {
     QString output;
-    QString error;
-    switch (which) {
-    case PfEnabled:
-        if (!pfctl({QStringLiteral("-s"), QStringLiteral("info")}, &output, nullptr))
-            return false;
-        if (PfctlReply::isEnabled(output))
-            return true;
-        qWarning() << "[MacVpnBackend] pf was disabled under the kill switch; enabling it again";
-        enabling = true;
-        knownReferences = references();
-        token.clear();
-        return saveJournal(&error) && enable(&error);
-    case AnchorReached:
-        if (!pfctl({QStringLiteral("-s"), QStringLiteral("rules")}, &output, nullptr))
-            return false;
-        if (reached && !PfctlReply::reachesAppleAnchors(output))
-            qWarning() << "[MacVpnBackend] kill switch not enforced: the main ruleset no longer "
-                          "evaluates the anchors under com.apple";
-        reached = PfctlReply::reachesAppleAnchors(output);
-        return true;
-    case RulesLoaded:
-        if (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-s"),
-                   QStringLiteral("rules")},
-                  &output, nullptr) &&
-            PfctlReply::ruleCount(output) == FirewallRules::rules(allowed).size())
-            return true;
-        qWarning() << "[MacVpnBackend] the kill switch's rules were gone; loading them again";
-        return loadRules(&error);
-    case Checks:
-        break;
+    if (!pfctl({QStringLiteral("-s"), QStringLiteral("info")}, &output, nullptr)) {
+        *problem = QStringLiteral("pfctl -s info did not answer");
+        return false;
     }
+    if (PfctlReply::isEnabled(output))
+        return true;
+    settle({QStringLiteral("pf disabled; enabling it again")});
+    token.clear();
+    knownReferences = references();
+    enabling = true;
+    QString error;
+    if (!saveJournal(&error)) {
+        enabling = false;
+        knownReferences.clear();
+    } else if (enable(&error)) {
+        return true;
+    }
+    *problem = QStringLiteral("pf disabled, not enabled again: %1").arg(error);
     return false;
+}
+
+bool KillSwitch::rulesInForce(QString *problem)
+{
+    QString output;
+    const QStringList rules = FirewallRules::rules(allowed);
+    if (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-s"), QStringLiteral("rules")},
+              &output, nullptr) &&
+        PfctlReply::sameRules(output, rules))
+        return true;
+    settle({QStringLiteral("the rules not in force; loading them again")});
+    QString error;
+    if (loadRules(&error))
+        return true;
+    *problem = QStringLiteral("rules not in force, not loaded again: %1").arg(error);
+    return false;
+}
+
+// The checks asked for, each putting back what it may; then the verdict of
+// the round. The main ruleset is the user's, or another program's, and is
+// only reported on.
+void KillSwitch::round(int checks)
+{
+    QStringList found;
+    QString problem;
+    bool reached = !problems.contains(NotReached);
+    if ((checks & PfEnabled) && !pfEnabled(&problem))
+        found << problem;
+    if (checks & AnchorReached) {
+        QString output;
+        if (pfctl({QStringLiteral("-s"), QStringLiteral("rules")}, &output, nullptr))
+            reached = PfctlReply::reachesAppleAnchors(output);
+        else
+            found << QStringLiteral("pfctl -s rules did not answer");
+    }
+    if ((checks & RulesLoaded) && !rulesInForce(&problem))
+        found << problem;
+    if (!reached)
+        found << NotReached;
+    settle(found);
+}
+
+// Said at once: what a round finds wrong, before it puts it right, and then
+// the round's verdict.
+void KillSwitch::settle(const QStringList &found)
+{
+    const Enforcement verdict = found.isEmpty() ? Enforcement::Enforced
+                                : found == QStringList{NotReached} ? Enforcement::NotEnforced
+                                                                   : Enforcement::Unverified;
+    if (verdict == state && found == problems)
+        return;
+    if (verdict == Enforcement::Enforced)
+        qInfo() << "[MacVpnBackend] kill switch verified";
+    else
+        qWarning().noquote() << "[MacVpnBackend] kill switch"
+                             << (verdict == Enforcement::NotEnforced ? "not enforced:"
+                                                                     : "not verified:")
+                             << found.join(QLatin1String("; "));
+    state = verdict;
+    problems = found;
+    Q_EMIT enforcementChanged();
 }
 
 KillSwitch::Enforcement KillSwitch::verify()
 {
     if (!engaged)
         return Enforcement::Unverified;
-    bool checked = true;
-    for (const Check which : {PfEnabled, AnchorReached, RulesLoaded})
-        checked = check(which) && checked;
-    setState(!checked ? Enforcement::Unverified
-                      : (reached ? Enforcement::Enforced : Enforcement::NotEnforced));
+    round(EveryCheck);
     return state;
-}
-
-void KillSwitch::setState(Enforcement enforcement)
-{
-    if (enforcement == state)
-        return;
-    state = enforcement;
-    Q_EMIT enforcementChanged();
 }
 
 void KillSwitch::watch()
 {
     if (QThread::currentThread() != thread())
         return;
-    if (!engaged) {
+    if (!engaged)
         timer.stop();
-        return;
-    }
-    if (!timer.isActive()) {
-        awake.start();
-        wallAtCheck = QDateTime::currentMSecsSinceEpoch();
+    else if (!timer.isActive())
         timer.start();
-    }
-}
-
-// After a sleep everything may have changed: all three checks. Otherwise
-// one, so that an idle service asks pfctl once a minute.
-void KillSwitch::periodicCheck()
-{
-    const qint64 wall = QDateTime::currentMSecsSinceEpoch();
-    const bool slept = wall - wallAtCheck > awake.restart() + SleepGapMs;
-    wallAtCheck = wall;
-    if (slept) {
-        qInfo() << "[MacVpnBackend] the Mac woke: checking the kill switch";
-        verify();
-        return;
-    }
-    const Check which = Check(nextCheck);
-    nextCheck = (nextCheck + 1) % Checks;
-    const bool checked = check(which);
-    setState(!checked ? Enforcement::Unverified
-                      : (reached ? Enforcement::Enforced : Enforcement::NotEnforced));
 }
 
 QJsonObject KillSwitch::record() const
 {
-    if (!engaged)
+    if (!holdsPf())
         return QJsonObject();
     return {{QStringLiteral("anchor"), QString(KillSwitchAnchor)},
             {QStringLiteral("token"), token},
@@ -262,7 +288,7 @@ bool KillSwitch::adopt(const QJsonObject &record)
     if (!valid)
         return false;
     engaged = true;
-    stale = true;
+    loaded = false;
     token = recordedToken;
     enabling = record.value(QLatin1String("enabling")).toBool();
     knownReferences = known;

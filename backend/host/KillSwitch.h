@@ -2,7 +2,6 @@
 
 #include "backend/host/FirewallRules.h"
 
-#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -20,40 +19,47 @@
 // Each change is recorded in the journal before it is made.
 //
 // Anyone may run "pfctl -d" (some VPN clients do when they stop), flush the
-// main ruleset or load another: so the block is checked, on a network change,
-// on wake and once a minute, and what it lacks is put back. A main ruleset
-// that no longer reaches our anchor is not rewritten; that is reported.
+// main ruleset, load another or empty our anchor. So every round, on a
+// network change and every RoundIntervalMs, checks all three: pf enabled,
+// the main ruleset reaching our anchor, our rules in it; what we may put
+// back is put back in the same round. A main ruleset that no longer reaches
+// our anchor is not rewritten; that is reported. The block is "enforced"
+// only when the whole round found it so.
 class KillSwitch : public QObject
 {
     Q_OBJECT
 
 public:
     enum class Enforcement { Unverified, Enforced, NotEnforced };
-    // One of the three checks a minute, in turn, while nothing changes.
-    static constexpr int CheckIntervalMs = 60000;
+    // A change by anyone else is seen, and put right, within 10 s.
+    static constexpr int RoundIntervalMs = 9000;
 
     // record saves the journal, the error when it cannot.
     KillSwitch(QString pfctlTool, std::function<bool(QString *error)> record,
                QObject *parent = nullptr);
 
+    // The block is meant to be in force.
     bool isEngaged() const { return engaged; }
+    // Something of ours is still in pf to give back: the block, or a
+    // reference a lift could not return.
+    bool holdsPf() const { return engaged || loaded || enabling || !token.isEmpty(); }
     // Engaged without a tunnel to let through.
     bool isBlocking() const { return engaged && allowed.tunnelInterface.isEmpty(); }
     Enforcement enforcement() const { return engaged ? state : Enforcement::Unverified; }
+    // What the last round found wrong; empty while enforced.
+    QString problem() const { return engaged ? problems.join(QLatin1String("; ")) : QString(); }
     bool allowsLan() const { return allowed.localNetworks; }
 
     // Puts these rules in force, enabling pf by a reference of ours the first
-    // time. When the block begins without a tunnel, or the tunnel leaves it,
-    // the connections pf has let through lose their states and are judged by
-    // the new rules: what they do not pass stops, whatever interface it
-    // would take now.
+    // time. The connections pf has let through that the new rules would not
+    // pass lose their states: what they send next is judged by the new rules.
     bool engage(const FirewallRules::Allowed &rules, QString *error);
     // Empties the anchor and gives our reference back; empty when done, else
-    // the error (the block then stays, and the lift is tried again).
+    // the error (what is left is given back at the next lift).
     QString lift();
-    // All three checks, putting back what is missing.
+    // One round of every check, putting back what is missing.
     Enforcement verify();
-    // Starts or stops the periodic check to match; only from the event loop.
+    // Starts or stops the rounds to match; only from the event loop.
     void watch();
 
     QJsonObject record() const;
@@ -65,33 +71,30 @@ Q_SIGNALS:
     void enforcementChanged();
 
 private:
-    enum Check { PfEnabled, AnchorReached, RulesLoaded, Checks };
+    enum Check { PfEnabled = 1, AnchorReached = 2, RulesLoaded = 4, EveryCheck = 7 };
     bool pfctl(const QStringList &arguments, QString *output, QString *error,
                const QByteArray &input = QByteArray()) const;
-    bool check(Check which);
+    void round(int checks);
+    void settle(const QStringList &found);
+    bool pfEnabled(QString *problem);
+    bool rulesInForce(QString *problem);
     bool loadRules(QString *error);
     bool enable(QString *error);
-    void killStates();
+    void killStates(const QList<QStringList> &kills);
     QStringList references() const;
-    void setState(Enforcement enforcement);
-    void periodicCheck();
 
     const QString tool;
     const std::function<bool(QString *)> saveJournal;
     FirewallRules::Allowed allowed;
     bool engaged = false;
-    // Adopted from an earlier run: loaded again, states killed, at the next engage.
-    bool stale = false;
+    // Our rules are in the anchor, as far as we know.
+    bool loaded = false;
     QString token;
     // Before "pfctl -E": the references there were then. Should the service
     // die before it has recorded its own, that is the one that is new.
     bool enabling = false;
     QStringList knownReferences;
     Enforcement state = Enforcement::Unverified;
-    bool reached = true;
+    QStringList problems;
     QTimer timer;
-    int nextCheck = PfEnabled;
-    // A Mac that slept: the wall clock has run on, the monotonic one has not.
-    QElapsedTimer awake;
-    qint64 wallAtCheck = 0;
 };

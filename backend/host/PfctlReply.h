@@ -23,10 +23,14 @@ bool isEnabled(const QString &standardOutput);
 // Whether the main ruleset ("pfctl -s rules") still evaluates the anchors
 // under com.apple/, as the stock /etc/pf.conf makes it: someone's "pfctl -F
 // all" or "-f other.conf" takes that line, and with it every such anchor.
+// A "pass … quick" rule for all traffic before it decides for everything it
+// matches, and the anchors are never asked.
 bool reachesAppleAnchors(const QString &standardOutput);
 
-// The rules "pfctl -a ANCHOR -s rules" lists, one a line, normalised.
-int ruleCount(const QString &standardOutput);
+// Whether the rules "pfctl -a ANCHOR -s rules" lists are these, in this
+// order: pfctl prints them one a line, a port by its service name where it
+// has one.
+bool sameRules(const QString &standardOutput, const QStringList &rules);
 
 // "pfctl -X": pf has been disabled since (by anyone's "pfctl -d", which
 // voids every token) or the token is unknown: nothing is left to give back.

@@ -48,7 +48,7 @@ FirewallRules::Allowed MacVpnBackend::blockRules() const
 bool MacVpnBackend::updateBlock()
 {
     if (!blockWanted()) {
-        if (firewall.isEngaged())
+        if (firewall.holdsPf())
             pendingUndo.firewall = firewall.lift();
         return true;
     }
@@ -121,12 +121,15 @@ QVariantMap MacVpnBackend::alwaysOnState() const
 {
     if (!alwaysOn.enabled)
         return QVariantMap();
+    const bool verified =
+        firewall.isEngaged() && firewall.enforcement() == KillSwitch::Enforcement::Enforced;
     QVariantMap state{
         {QStringLiteral("enabled"), true},
         {QStringLiteral("allowLan"), alwaysOn.allowLan},
-        {QStringLiteral("verified"),
-         firewall.isEngaged() && firewall.enforcement() == KillSwitch::Enforcement::Enforced},
+        {QStringLiteral("verified"), verified},
     };
+    if (!verified && !firewall.problem().isEmpty())
+        state.insert(QStringLiteral("problem"), firewall.problem());
     if (pause.isActive())
         state.insert(QStringLiteral("pausedSeconds"), (pause.remainingTime() + 999) / 1000);
     return state;
@@ -134,5 +137,5 @@ QVariantMap MacVpnBackend::alwaysOnState() const
 
 QString MacVpnBackend::recordedEndpoint(const QString &name) const
 {
-    return endpointAddresses.value(name);
+    return endpointAddresses.addressOf(name);
 }

@@ -25,6 +25,8 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
             : enforcement != KillSwitch::Enforcement::Enforced  ? QStringLiteral("not verified")
             : firewall.isBlocking()                             ? QStringLiteral("blocking")
                                                                 : QStringLiteral("on"));
+        if (enforcement != KillSwitch::Enforcement::Enforced && !firewall.problem().isEmpty())
+            details->insert(QStringLiteral("blockProblem"), firewall.problem());
     }
     if (const QVariantMap always = alwaysOnState(); !always.isEmpty())
         details->insert(QStringLiteral("alwaysOn"), always);

@@ -9,6 +9,7 @@
 #include "backend/MacVpnBackend.h"
 #include "backend/core/HostJournal.h"
 #include "backend/host/BypassFilter.h"
+#include "backend/host/FirewallRules.h"
 #include "backend/host/PfctlReply.h"
 #include "backend/host/RouteReply.h"
 #include "backend/host/RoutingTable.h"
@@ -16,6 +17,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
+#include <QProcess>
 #include <QTest>
 
 #include <sys/stat.h>
@@ -35,6 +37,8 @@ const QByteArray Begin = "# BEGIN TARVEX_VPN_CLIENT\n";
 const QByteArray End = "# END TARVEX_VPN_CLIENT\n";
 
 } // namespace
+
+Q_DECLARE_METATYPE(FirewallRules::Allowed)
 
 class TestBackend : public QObject
 {
@@ -153,8 +157,8 @@ private Q_SLOTS:
             read = PfctlReply::isEnabled(out);
         else if (reader == "pfctl-reaches")
             read = PfctlReply::reachesAppleAnchors(out);
-        else if (reader == "pfctl-rules")
-            read = PfctlReply::ruleCount(out);
+        else if (reader == "pfctl-same")
+            read = PfctlReply::sameRules(out, record["rules"].toVariant().toStringList());
         else if (reader == "pfctl-gone")
             read = PfctlReply::referenceGone(err);
         else if (reader == "route-failure")
@@ -172,6 +176,66 @@ private Q_SLOTS:
             read = routes;
         }
         QCOMPARE(read, record["expect"]);
+    }
+
+    // Every ruleset the service writes, through the real pf grammar and
+    // printer (../shared/tools/pfctl-check, built by scripts/setup): each
+    // parses, and what pfctl prints back, loaded as the service loads it, is
+    // read as the service's own.
+    void rulesReadBackAsPfctlPrintsThem_data()
+    {
+        QTest::addColumn<FirewallRules::Allowed>("allowed");
+        FirewallRules::Allowed rules;
+        QTest::newRow("block") << rules;
+        rules.localNetworks = true;
+        QTest::newRow("block, LAN") << rules;
+        rules = {};
+        rules.endpoint = "203.0.113.5";
+        rules.port = 51820;
+        QTest::newRow("connecting") << rules;
+        rules.tunnelInterface = "utun3";
+        rules.tunnelDns = {"1.1.1.1", "2606:4700:4700::1111"};
+        rules.https = {"198.51.100.10"};
+        QTest::newRow("connected") << rules;
+        rules.localNetworks = true;
+        QTest::newRow("connected, LAN") << rules;
+        rules.tunnelDns.clear();
+        rules.endpoint = "2001:DB8::5";
+        rules.port = 1194;
+        QTest::newRow("IPv6 endpoint on a named port, no tunnel DNS") << rules;
+        rules.endpoint = "203.0.113.5";
+        rules.port = 53;
+        QTest::newRow("endpoint on the DNS port") << rules;
+        for (int i = 0; i < 8; ++i)
+            rules.around << QString("192.0.%1.0/24").arg(i) << QString("2001:db8:%1::/48").arg(i);
+        rules.around << "10.1.2.3/8"
+                     << "192.0.2.77/32";
+        QTest::newRow("many exclusions") << rules;
+    }
+
+    void rulesReadBackAsPfctlPrintsThem()
+    {
+        QFETCH(FirewallRules::Allowed, allowed);
+        const QString check = ".build-tools/pfctl-check/pfctl-check";
+        if (!QFile::exists(check))
+            QSKIP("pfctl-check is not built here (scripts/setup builds it from "
+                  "../shared/tools/pfctl-check)");
+        QProcess pfctl;
+        pfctl.start(check, {"-o", "none", "-a", "com.apple/050.tarvex.killswitch", "-nvf", "-"});
+        pfctl.write(FirewallRules::text(allowed));
+        pfctl.closeWriteChannel();
+        QVERIFY(pfctl.waitForFinished());
+        QVERIFY2(pfctl.exitCode() == 0, pfctl.readAllStandardError().constData());
+        const QString printed = QString::fromLatin1(pfctl.readAllStandardOutput());
+        QVERIFY2(PfctlReply::sameRules(printed, FirewallRules::rules(allowed)), qPrintable(printed));
+        // The optimiser left on would reorder and merge them, as the
+        // default load does: not what the check would find.
+        pfctl.start(check, {"-a", "com.apple/050.tarvex.killswitch", "-nvf", "-"});
+        pfctl.write(FirewallRules::text(allowed));
+        pfctl.closeWriteChannel();
+        QVERIFY(pfctl.waitForFinished());
+        QVERIFY(!PfctlReply::sameRules(QString::fromLatin1(pfctl.readAllStandardOutput()),
+                                       FirewallRules::rules(allowed)));
     }
 
     // The network's resolver never routes these around the tunnel: whole

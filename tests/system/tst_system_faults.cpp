@@ -391,8 +391,26 @@ private Q_SLOTS:
         QCOMPARE(host->request(connectRequest(named))["status"], "connected");
         QVERIFY(
             host->pfInForce().contains("pass quick on utun2 all flags S/SA keep state (if-bound)"));
+        // Only what is selected, under always-on: refused before anything is
+        // touched, the tunnel up as it was.
+        const QByteArray connected = host->stateBytes();
+        const QJsonObject refused = host->request(connectRequest(named, 1, {"10.0.0.0/8"}));
+        QCOMPARE(refused["ok"], false);
+        QCOMPARE(refused["status"], "connected");
+        QCOMPARE(host->stateBytes(), connected);
         QCOMPARE(host->request(DisconnectRequest)["status"], "disconnected");
         QVERIFY(blocked() && host->pfInForce().filter("utun").isEmpty());
+
+        // A pause whose give-back hangs: when it ends, the block is back, and
+        // never said to be verified while it is not in force.
+        host->setFaults({"hang:pfctl -X"});
+        QCOMPARE(host->request({{"command", "alwaysOn"}, {"pause", 1}})["ok"], true);
+        host->setFaults({});
+        for (QElapsedTimer clock; !blocked(); QTest::qWait(100)) {
+            QVERIFY(host->request(StatusRequest)["alwaysOn"].toObject()["verified"] == false ||
+                    host->pfInForce().contains("block return out quick all"));
+            QVERIFY(clock.elapsed() < 60000);
+        }
         const QJsonObject off{{"command", "alwaysOn"}, {"enabled", false}};
         QCOMPARE(host->request(off)["alwaysOn"], QJsonObject({{"enabled", false}}));
         QCOMPARE(host->stateBytes(), before);
