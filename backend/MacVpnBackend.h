@@ -303,6 +303,10 @@ private:
     QString tunnelIdentity;
     HostJournal journal;
     bool journalTaken = false;
+    // A later release's records, kept aside (or not) by this one; while one
+    // could not be moved, nothing is written over it.
+    QStringList journalLeft;
+    bool journalBlocked = false;
     QString recoveryError; // the block's, found off the event loop, told on it
     PendingUndo pendingUndo;
     KillSwitchSettings killSwitch;

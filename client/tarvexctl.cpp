@@ -193,6 +193,8 @@ void printDetails(const QJsonObject &details)
                             details.value(QLatin1String("blockProblem")).toString())
                       : QString())
               << '\n';
+    for (const QJsonValue &left : details.value(QLatin1String("journalLeft")).toArray())
+        out() << "journal of a later release: " << left.toString() << '\n';
     for (const QJsonValue &step : details.value(QLatin1String("pendingUndo")).toArray())
         out() << "still to undo: " << step[QLatin1String("what")].toString() << " ("
               << step[QLatin1String("error")].toString() << ")\n";

@@ -110,6 +110,14 @@ realnet_endpoint_moved() {
   ip route get "$ENDPOINT" | grep -q "via 192.168.78.1 dev veth-c2"
 }
 
+# The server listens on another port; on the DNS port, the network's own
+# resolver (realnet-probe serve) makes way meanwhile.
+realnet_server_port() {
+  pkill -f "realnet-probe serve" || true
+  in_server wg set wg-srv listen-port "$1"
+  [ "$1" = 53 ] || { in_server python3 "$ROOT/scripts/realnet-probe" serve "$LAN_HOST" "$CONTROL_PLANE" & }
+}
+
 realnet_server() {
   umask 077
   wg genkey > /tmp/server.key
@@ -161,15 +169,16 @@ packed = struct.pack(">I", len(text)) + zlib.compress(text)
 print("vpn://" + base64.urlsafe_b64encode(packed).decode().rstrip("="))'
 }
 
-# The connection string for the server; its endpoint may be given (the IPv6 one).
+# The connection string for the server; its endpoint may be given (the IPv6
+# one), and its port.
 realnet_connection_string() {
-  local endpoint=${1:-$ENDPOINT}
+  local endpoint=${1:-$ENDPOINT} port=${2:-51820}
   cat <<JSON | vpn_string
 {"containers":[{"container":"office-wireguard","wireguard":{"last_config":{
    "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
    "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",
-   "hostName":"$endpoint","port":51820,"mtu":"1420","persistent_keep_alive":"25",
-   "allowed_ips":["0.0.0.0/0","::/0"]},"port":"51820","transport_proto":"udp"}}],
+   "hostName":"$endpoint","port":$port,"mtu":"1420","persistent_keep_alive":"25",
+   "allowed_ips":["0.0.0.0/0","::/0"]},"port":"$port","transport_proto":"udp"}}],
  "defaultContainer":"office-wireguard","description":"Tarvex demo server",
  "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$endpoint"}
 JSON

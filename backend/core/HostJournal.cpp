@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QThread>
@@ -145,4 +146,26 @@ bool HostJournal::save(File &file, const QJsonObject &state, bool durable, QStri
     }
     file.saved = bytes;
     return true;
+}
+
+QString HostJournal::keepAside(Record which, int version)
+{
+    File &file = which == Record::Session ? session : settings;
+    const QString base = QString::fromLatin1(file.name).chopped(5); // ".json"
+    QString aside;
+    for (int copy = 1; aside.isEmpty() || QFileInfo::exists(aside); ++copy)
+        aside = QDir(directory).filePath(copy == 1 ? QStringLiteral("%1.v%2.json").arg(base).arg(version)
+                                                   : QStringLiteral("%1.v%2-%3.json")
+                                                         .arg(base)
+                                                         .arg(version)
+                                                         .arg(copy));
+    if (::rename(QFile::encodeName(filePath(file)).constData(),
+                 QFile::encodeName(aside).constData()) != 0) {
+        qWarning() << "[HostJournal] a later release's record could not be kept aside"
+                   << systemError();
+        return QString();
+    }
+    AtomicFile::syncDirectoryOf(aside);
+    file.saved.clear();
+    return QFileInfo(aside).fileName();
 }

@@ -43,6 +43,12 @@ public:
     // Records the state; a file whose bytes would not change is not written.
     bool save(const Records &records, QString *error);
 
+    // A record this release must not write over (a later release's) is
+    // kept beside, untouched, under its version: "session.v4.json". Returns
+    // that name, or empty when it could not be moved.
+    enum class Record { Session, Settings };
+    QString keepAside(Record which, int version);
+
 private:
     struct File
     {

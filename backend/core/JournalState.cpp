@@ -2,6 +2,7 @@
 #include "backend/BackendConstants.h"
 #include "backend/MacVpnBackend.h"
 #include "backend/core/BootSession.h"
+#include "backend/core/JournalFormat.h"
 #include "backend/core/JournalValues.h"
 #include "config/NetworkText.h"
 
@@ -14,7 +15,6 @@
 
 namespace {
 
-constexpr int JournalVersion = 3;
 
 using JournalValues::ignored;
 
@@ -51,7 +51,7 @@ HostJournal::Records MacVpnBackend::journalState() const
     QJsonObject settings;
     pendingUndo.write(&session, &settings);
     if (!session.isEmpty()) {
-        session.insert(QStringLiteral("version"), JournalVersion);
+        JournalFormat::stamp(&session);
         session.insert(QStringLiteral("boot"), BootSession::current());
     }
 
@@ -72,7 +72,7 @@ HostJournal::Records MacVpnBackend::journalState() const
                                     {QStringLiteral("allowLan"), alwaysOn.allowLan}});
     endpointAddresses.write(&settings);
     if (!settings.isEmpty())
-        settings.insert(QStringLiteral("version"), JournalVersion);
+        JournalFormat::stamp(&settings);
     return {session, settings};
 }
 
@@ -81,14 +81,25 @@ HostJournal::Records MacVpnBackend::journalState() const
 // session recorded vanished with an earlier boot, and is only dropped.
 void MacVpnBackend::adoptJournalState(const HostJournal::Records &records)
 {
-    const QJsonObject &session = records.session;
-    const QJsonObject &settings = records.settings;
-    for (const QJsonObject *state : {&session, &settings}) {
-        if (!state->isEmpty() && state->value(QLatin1String("version")).toInt() != JournalVersion) {
-            ignored("unknown version", state->value(QLatin1String("version")));
-            return;
-        }
-    }
+    // Each record in this release's terms; a later release's is kept aside
+    // as it is, before anything of ours is written over it.
+    const auto read = [this](const QJsonObject &record, HostJournal::Record which) {
+        const JournalFormat::Reading reading = JournalFormat::read(record);
+        if (!reading.keepAside)
+            return reading.record;
+        const QString aside = journal.keepAside(which, reading.version);
+        journalLeft.append(
+            aside.isEmpty()
+                ? tr("запись версии %1 не удалось отложить").arg(reading.version)
+                : tr("запись версии %1 оставлена как %2%3")
+                      .arg(reading.version)
+                      .arg(aside, reading.record.isEmpty() ? tr(", не отменена") : QString()));
+        qWarning().noquote() << "[MacVpnBackend] journal:" << journalLeft.constLast();
+        journalBlocked = journalBlocked || aside.isEmpty();
+        return reading.record;
+    };
+    const QJsonObject session = read(records.session, HostJournal::Record::Session);
+    const QJsonObject settings = read(records.settings, HostJournal::Record::Settings);
     const QString boot = BootSession::current();
     if (!session.isEmpty() && (boot.isEmpty() || session.value(QLatin1String("boot")) != boot)) {
         qInfo() << "[MacVpnBackend] routes, tunnel program and pf rules of an earlier boot are "
@@ -174,8 +185,8 @@ void MacVpnBackend::adoptSession(const QJsonObject &session)
 
 bool MacVpnBackend::saveJournal(QString *error)
 {
-    QString reason;
-    if (journal.save(journalState(), &reason))
+    QString reason = journalBlocked ? tr("запись более новой версии службы не отложена") : QString();
+    if (reason.isEmpty() && journal.save(journalState(), &reason))
         return true;
     qWarning() << "[MacVpnBackend] journal not written" << reason;
     if (error)

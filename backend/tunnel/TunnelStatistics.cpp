@@ -16,6 +16,8 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
     details->clear();
     if (!pendingUndo.isEmpty())
         details->insert(QStringLiteral("pendingUndo"), pendingUndo.steps(host.hostsFile));
+    if (!journalLeft.isEmpty())
+        details->insert(QStringLiteral("journalLeft"), journalLeft);
     // "on" and "blocking" only once the block is verified in force.
     if (firewall.isEngaged()) {
         const KillSwitch::Enforcement enforcement = firewall.enforcement();

@@ -9,6 +9,7 @@
 #include "backend/MacVpnBackend.h"
 #include "backend/core/HostJournal.h"
 #include "backend/host/BypassFilter.h"
+#include "backend/host/EndpointMemory.h"
 #include "backend/host/FirewallRules.h"
 #include "backend/host/PfctlReply.h"
 #include "backend/host/RouteReply.h"
@@ -236,6 +237,30 @@ private Q_SLOTS:
         QVERIFY(pfctl.waitForFinished());
         QVERIFY(!PfctlReply::sameRules(QString::fromLatin1(pfctl.readAllStandardOutput()),
                                        FirewallRules::rules(allowed)));
+    }
+
+    // Under the block no name is looked up: the servers used last keep their
+    // addresses, whatever their names, across a restart too.
+    void endpointsUsedLastAreKept()
+    {
+        EndpointMemory memory;
+        for (int i = 0; i < 40; ++i)
+            memory.remember(QString("s%1.example").arg(i, 2, 10, QChar('0')),
+                            QString("192.0.2.%1").arg(i));
+        memory.remember("s10.example", "192.0.2.10");
+        memory.remember("a.example", "203.0.113.1");
+        QJsonObject settings;
+        memory.write(&settings);
+        EndpointMemory restarted;
+        restarted.read(settings);
+        QCOMPARE(restarted.addressOf("a.example"), "203.0.113.1");
+        QCOMPARE(restarted.addressOf("s10.example"), "192.0.2.10");
+        QCOMPARE(restarted.addressOf("s09.example"), "192.0.2.9");
+        QCOMPARE(restarted.addressOf("s08.example"), QString());
+        // An earlier release kept no order: its names, as many as fit.
+        settings.remove("endpointsUsed");
+        restarted.read(settings);
+        QCOMPARE(restarted.addressOf("s39.example"), "192.0.2.39");
     }
 
     // The network's resolver never routes these around the tunnel: whole
