@@ -1,23 +1,7 @@
 #include "backend/core/CommandRunner.h"
 
-#include "backend/MacVpnBackend.h"
-
 #include <QDebug>
 #include <QProcess>
-
-bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
-                               QString *standardOutput, QString *standardError, int timeoutMs) const
-{
-    return CommandRunner::run(program, arguments, QByteArray(), standardOutput, standardError,
-                              timeoutMs);
-}
-
-bool MacVpnBackend::runCommand(const QString &program, const QStringList &arguments,
-                               const QByteArray &input, QString *standardOutput,
-                               QString *standardError, int timeoutMs) const
-{
-    return CommandRunner::run(program, arguments, input, standardOutput, standardError, timeoutMs);
-}
 
 bool CommandRunner::run(const QString &program, const QStringList &arguments,
                         const QByteArray &input, QString *standardOutput, QString *standardError,

@@ -1,5 +1,8 @@
-#include "backend/BackendConstants.h"
+// The connect and disconnect sequence: what a connection wants of the host
+// (ConnectionPlan), handed to each room in turn, and the clean-up that
+// applies the empty plan.
 #include "backend/MacVpnBackend.h"
+
 #include "backend/core/LogMasking.h"
 #include "config/ConnectValidator.h"
 #include "config/NetworkText.h"
@@ -28,7 +31,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
 
     splitTunnel = splitTunnelFromPeer(peer);
     // A connect ends a pause of always-on: the block opens only for its server.
-    pause.stop();
+    firewall.stopPause();
     setError(QString());
     setStatus(Connecting);
     connectRunning = true;
@@ -38,21 +41,21 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     // so no packet slips out between two connects; should this connect fail,
     // the block ends as it was before it.
     cleanup(Block::Keep);
-    const bool heldBefore = killSwitchHeld;
-    killSwitch = killSwitchFromPeer(peer);
+    const bool heldBefore = firewall.isHeld();
+    const KillSwitchSettings killSwitch = killSwitchFromPeer(peer);
     bool succeeded = false;
-    const auto restoreBlock = qScopeGuard([this, heldBefore, &succeeded] {
+    const auto restoreBlock = qScopeGuard([this, heldBefore, killSwitch, &succeeded] {
         if (succeeded || connectCancelled)
             return;
-        killSwitchHeld = heldBefore;
-        firewallEndpoint.clear();
+        firewall.hold(heldBefore, killSwitch.allowLan);
+        firewall.setConnection({});
         updateBlock();
         watchNetwork();
     });
     // Nothing new on top of what an earlier connection left and could not undo.
     if (!pendingUndo.isEmpty()) {
         qWarning() << "[MacVpnBackend] connect refused: earlier changes still to undo";
-        setError(pendingUndo.message(host.hostsFile));
+        setError(pendingUndo.message());
         pendingUndo.schedule(true);
         return;
     }
@@ -65,17 +68,6 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     }
     qInfo() << "[MacVpnBackend] amneziawg-go found" << binary;
 
-    tunnelAddresses.clear();
-    tunnelDnsServers.clear();
-    for (const QString &server : {config.dns1, config.dns2}) {
-        if (NetworkText::isAddress(server.trimmed()))
-            tunnelDnsServers.append(server.trimmed());
-    }
-    for (const QString &own :
-         {config.dns1, config.dns2, clientIpv4(config), QString(DefaultIpv6Address)}) {
-        if (NetworkText::isAddress(own.trimmed()))
-            tunnelAddresses.append(QHostAddress(own.trimmed()));
-    }
     resolveNames(endpointHost(config));
     if (connectCancelled) {
         qInfo() << "[MacVpnBackend] connect cancelled by disconnect";
@@ -90,25 +82,20 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         setError(tr("Не удалось определить адрес сервера %1").arg(endpointHost(config)));
         return;
     }
-
     if (!NetworkText::isAddress(endpointHost(config)))
         endpointAddresses.remember(endpointHost(config), resolved.hostName);
+    plan = ConnectionPlan::of(resolved, splitTunnel, controlPlaneHost(),
+                              [this](const QString &name) { return lookedUp(name); });
 
     // Before the tunnel program starts: from then on, with a block, only the
     // server's port leaves outside the tunnel.
-    killSwitchHeld = killSwitchHeld || killSwitch.enabled;
-    firewallEndpoint = resolved.hostName;
-    firewallPort = endpointPort(config);
-    if (blockWanted() && !updateBlock()) {
+    firewall.hold(firewall.isHeld() || killSwitch.enabled, killSwitch.allowLan);
+    FirewallRules::Allowed server;
+    server.endpoint = plan.server;
+    server.port = plan.port;
+    firewall.setConnection(server);
+    if (firewall.wanted() && !updateBlock()) {
         qWarning() << "[MacVpnBackend] kill switch failed" << lastError();
-        return;
-    }
-
-    // Nothing is changed that could not be recorded first: the program, before it starts.
-    tunnelProgram = binary;
-    if (!recordHostChange()) {
-        qWarning() << "[MacVpnBackend] host journal unusable" << lastError();
-        tunnelProgram.clear();
         return;
     }
 
@@ -124,7 +111,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    tunnelEndpoint = endpointOf(resolved);
+    tunnelEndpoint = PeerValues::endpointOf(resolved);
     const QString setConfig = uapiSetConfig(resolved);
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") +
                              LogMasking::uapiText(setConfig);
@@ -144,7 +131,10 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    if (!configureRoutes(resolved) || (blockWanted() && !updateBlock())) {
+    const bool routed = configureRoutes(resolved);
+    if (routed)
+        firewall.setConnection(connectedTraffic());
+    if (!routed || (firewall.wanted() && !updateBlock())) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
         const QString error = lastError();
         cleanup(Block::Keep);
@@ -152,17 +142,17 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    if (splitTunnel.enabled && splitTunnel.mode == 1) {
+    if (plan.dnsForAll) {
+        configureDns(config);
+    } else {
         qInfo() << "[MacVpnBackend] skip global DNS for only-selected split tunnel";
         applyLastingChanges({}, {});
-    } else {
-        configureDns(config);
     }
     flushDnsCache();
 
     // A connect without the kill switch ends a block the last one left,
     // unless always-on keeps it.
-    killSwitchHeld = killSwitch.enabled;
+    firewall.hold(killSwitch.enabled, killSwitch.allowLan);
     succeeded = true;
     if (!updateBlock()) {
         succeeded = false;
@@ -185,15 +175,9 @@ QString MacVpnBackend::refusal(const ParsedVpnConfig &config, const QVariantMap 
     if (!problem.isEmpty())
         return problem;
     // With always-on, only what is selected would reach anything at all.
-    const SplitTunnelSettings split = splitTunnelFromPeer(peer);
-    if (alwaysOn.enabled && split.enabled && split.mode == 1)
+    if (firewall.alwaysOnSettings().enabled && splitTunnelFromPeer(peer).onlySelected())
         return ConnectValidator::onlySelectedBlockedMessage();
     return QString();
-}
-
-bool MacVpnBackend::connectInProgress() const
-{
-    return connectRunning;
 }
 
 void MacVpnBackend::disconnectVpn()
@@ -209,7 +193,7 @@ void MacVpnBackend::disconnectVpn()
         setStatus(Disconnected);
         // What would not be undone is said, and tried again.
         if (!pendingUndo.isEmpty()) {
-            setError(pendingUndo.message(host.hostsFile));
+            setError(pendingUndo.message());
             pendingUndo.schedule(true);
         }
     }
@@ -217,25 +201,109 @@ void MacVpnBackend::disconnectVpn()
     Q_EMIT disconnected();
 }
 
-// Applies the empty state: everything the tunnel changed is undone. The
+// Applies the empty plan: everything the tunnel changed is undone. The
 // block stays while it is wanted, now without the tunnel it let through.
 void MacVpnBackend::cleanup(Block block)
 {
     qInfo() << "[MacVpnBackend] cleanup";
     retryPendingUndo();
-    routeMonitor.stop();
+    routes.watch(false);
     restoreDns();
-    vpnDnsServers.clear();
     removeRoutes();
     stopTunnelProcess();
     if (block == Block::Lift)
-        killSwitchHeld = false;
-    tunnelInterface.clear();
-    serverHost.clear();
-    physicalGateway.clear();
-    firewallEndpoint.clear();
+        firewall.hold(false, false);
+    tunnel.forgetInterface();
+    firewall.setConnection({});
     if (!updateBlock() && !firewall.isEngaged())
         qWarning() << "[MacVpnBackend] block not restored" << lastError();
     flushDnsCache();
     saveJournal();
+}
+
+// A tunnel program that dies while connected leaves routes into a dead utun
+// and DNS servers behind a dead tunnel: the Mac would be offline. The routes
+// and DNS are undone as ever; a block in force stays, without the tunnel,
+// until the user decides.
+void MacVpnBackend::handleTunnelExit()
+{
+    if (currentStatus != Connected)
+        return;
+    qWarning() << "[MacVpnBackend] tunnel program exited while connected" << tunnel.exitReport();
+    cleanup(Block::Keep);
+    setError(firewall.isHeld() ? Firewall::blockingMessage()
+                               : tr("VPN-туннель прервался: amneziawg-go неожиданно завершился"));
+    watchNetwork();
+}
+
+// What the connected tunnel lets through the block: its interface, its DNS
+// servers through it, and what goes around it by design.
+FirewallRules::Allowed MacVpnBackend::connectedTraffic() const
+{
+    FirewallRules::Allowed allowed;
+    allowed.endpoint = plan.server;
+    allowed.port = plan.port;
+    allowed.tunnelInterface = tunnel.interfaceName();
+    allowed.tunnelDns = plan.tunnelDns;
+    allowed.https = routes.bypassHosts();
+    allowed.around = routes.around();
+    return allowed;
+}
+
+bool MacVpnBackend::updateBlock()
+{
+    QString error;
+    if (firewall.update(&error))
+        return true;
+    setError(error);
+    return false;
+}
+
+// The route monitor runs while connected or blocking; the block is checked then.
+void MacVpnBackend::watchNetwork()
+{
+    routes.watch(currentStatus == Connected || firewall.isEngaged());
+    firewall.watch();
+}
+
+// A new network, or a wake: whoever else was at work meanwhile may have
+// disabled pf or replaced its rules. While connected, the routes around the
+// tunnel follow the new way out, and new network services get the tunnel's
+// DNS servers.
+void MacVpnBackend::followNetworkChange(const RouteMonitor::Changes &changes)
+{
+    if (changes.wayOut && firewall.isEngaged())
+        firewall.verify();
+    if (currentStatus != Connected)
+        return;
+    if (routes.follow(changes) && !dns.tunnelServers().isEmpty())
+        configureDnsOnNewServices();
+}
+
+// Recorded durably before anything changes: a reboot keeps the setting, and
+// the block comes back at the next start.
+bool MacVpnBackend::setAlwaysOn(const AlwaysOnSettings &settings)
+{
+    const AlwaysOnSettings before = firewall.alwaysOnSettings();
+    firewall.setAlwaysOn(settings);
+    if (!recordHostChange()) {
+        firewall.setAlwaysOn(before);
+        return false;
+    }
+    const bool done = updateBlock();
+    watchNetwork();
+    return done;
+}
+
+QString MacVpnBackend::pauseAlwaysOn(int seconds)
+{
+    const QString refused =
+        firewall.pauseAlwaysOn(seconds, currentStatus == Connected || connectRunning);
+    watchNetwork();
+    return refused;
+}
+
+QVariantMap MacVpnBackend::alwaysOnState() const
+{
+    return firewall.alwaysOnState();
 }

@@ -12,9 +12,9 @@
 // only when that release said an earlier reader may ("undoableFrom").
 namespace JournalFormat {
 
-constexpr int Version = 3;
+constexpr int Version = 4;
 // The oldest release whose reader can undo what this one writes.
-constexpr int UndoableFrom = 3;
+constexpr int UndoableFrom = 4;
 // The first version any release still reads.
 constexpr int OldestRead = 3;
 

@@ -1,23 +1,17 @@
-#include "backend/MacVpnBackend.h"
-#include "backend/core/LogMasking.h"
+#include "backend/tunnel/UapiClient.h"
 
-#include <QDebug>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QLocalSocket>
+#include <QStringList>
+
+namespace UapiClient {
 
 namespace {
 
-constexpr int UapiTimeoutMs = 5000;
 // A reply is a few lines; the tunnel program does not get to fill memory.
 constexpr qsizetype MaxReplyBytes = 1024 * 1024;
 
-struct Exchange
-{
-    QString reply;
-    const char *failure = nullptr; // the step that failed, if one did
-    QString error;
-};
+} // namespace
 
 // One request and its reply over a fresh connection to the socket.
 Exchange exchange(const QString &socketPath, const QString &payload, int timeoutMs)
@@ -51,36 +45,7 @@ Exchange exchange(const QString &socketPath, const QString &payload, int timeout
     return {QString::fromUtf8(buffer).trimmed(), nullptr, QString()};
 }
 
-} // namespace
-
-QString MacVpnBackend::uapiCommand(const QString &payload)
-{
-    qInfo() << "[MacVpnBackend] uapiCommand"
-            << "interface=" << tunnelInterface;
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi command payload =\n") +
-                             LogMasking::uapiText(payload);
-
-    const Exchange done = exchange(uapiSocketPath(), payload, UapiTimeoutMs);
-    if (done.failure) {
-        qWarning() << "[MacVpnBackend]" << done.failure << done.error;
-        return QString();
-    }
-    qInfo() << "[MacVpnBackend] uapiCommand finished"
-            << "reply_length=" << done.reply.size();
-    return done.reply;
-}
-
-QString MacVpnBackend::uapiSocketPath() const
-{
-    return QDir(runtimeDir).filePath(tunnelInterface + QLatin1String(".sock"));
-}
-
-QString MacVpnBackend::uapiQuery(const QString &payload, int timeoutMs) const
-{
-    return exchange(uapiSocketPath(), payload, timeoutMs).reply;
-}
-
-int MacVpnBackend::uapiErrno(const QString &reply) const
+int errnoOf(const QString &reply)
 {
     const QStringList lines = reply.split(QLatin1Char('\n'));
     for (const QString &line : lines) {
@@ -96,3 +61,5 @@ int MacVpnBackend::uapiErrno(const QString &reply) const
     }
     return -1;
 }
+
+} // namespace UapiClient

@@ -1,6 +1,8 @@
-#include "backend/MacVpnBackend.h"
+#include "backend/tunnel/UapiSetConfig.h"
 
-#include <QDebug>
+#include "backend/plan/PeerValues.h"
+
+#include <QJsonObject>
 
 namespace {
 
@@ -16,9 +18,10 @@ QString stringMember(const QJsonObject &object, const char *key)
 
 } // namespace
 
-QString MacVpnBackend::uapiSetConfig(const ParsedVpnConfig &config) const
+namespace UapiSetConfig {
+
+QString text(const ParsedVpnConfig &config)
 {
-    qInfo() << "[MacVpnBackend] build uapiSetConfig";
     const QJsonObject &client = config.lastConfig;
 
     QString text = QStringLiteral("set=1\n");
@@ -26,24 +29,26 @@ QString MacVpnBackend::uapiSetConfig(const ParsedVpnConfig &config) const
         text += key + QLatin1Char('=') + value + QLatin1Char('\n');
     };
 
-    line(QStringLiteral("private_key"), hexKey(stringMember(client, "client_priv_key")));
+    line(QStringLiteral("private_key"), PeerValues::hexKey(stringMember(client, "client_priv_key")));
     text += QLatin1String("replace_peers=true\n");
     for (const char *parameter : AmneziaParameters) {
         const QString value = stringMember(client, parameter);
         if (!value.isEmpty())
             line(QString::fromLatin1(parameter).toLower(), value);
     }
-    line(QStringLiteral("public_key"), hexKey(stringMember(client, "server_pub_key")));
+    line(QStringLiteral("public_key"), PeerValues::hexKey(stringMember(client, "server_pub_key")));
     const QString presharedKey = stringMember(client, "psk_key");
     if (!presharedKey.isEmpty())
-        line(QStringLiteral("preshared_key"), hexKey(presharedKey));
-    line(QStringLiteral("endpoint"), endpointOf(config));
+        line(QStringLiteral("preshared_key"), PeerValues::hexKey(presharedKey));
+    line(QStringLiteral("endpoint"), PeerValues::endpointOf(config));
     text += QLatin1String("replace_allowed_ips=true\n");
     const QJsonValue keepAlive = client.value(QLatin1String("persistent_keep_alive"));
     line(QStringLiteral("persistent_keepalive_interval"),
          keepAlive.isString() ? keepAlive.toString() : QStringLiteral("60"));
-    const QStringList ranges = allowedIps(config);
+    const QStringList ranges = PeerValues::allowedIps(config);
     for (const QString &range : ranges)
         line(QStringLiteral("allowed_ip"), range);
     return text;
 }
+
+} // namespace UapiSetConfig

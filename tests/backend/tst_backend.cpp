@@ -8,12 +8,12 @@
 
 #include "backend/MacVpnBackend.h"
 #include "backend/core/HostJournal.h"
-#include "backend/host/BypassFilter.h"
-#include "backend/host/EndpointMemory.h"
-#include "backend/host/FirewallRules.h"
-#include "backend/host/PfctlReply.h"
-#include "backend/host/RouteReply.h"
-#include "backend/host/RoutingTable.h"
+#include "backend/plan/BypassFilter.h"
+#include "backend/firewall/EndpointMemory.h"
+#include "backend/firewall/FirewallRules.h"
+#include "backend/firewall/PfctlReply.h"
+#include "backend/routes/RouteReply.h"
+#include "backend/routes/RoutingTable.h"
 
 #include <QDir>
 #include <QFile>
@@ -250,16 +250,17 @@ private Q_SLOTS:
         memory.remember("s10.example", "192.0.2.10");
         memory.remember("a.example", "203.0.113.1");
         QJsonObject settings;
-        memory.write(&settings);
+        memory.write(nullptr, &settings);
         EndpointMemory restarted;
-        restarted.read(settings);
+        restarted.read({}, settings);
         QCOMPARE(restarted.addressOf("a.example"), "203.0.113.1");
         QCOMPARE(restarted.addressOf("s10.example"), "192.0.2.10");
         QCOMPARE(restarted.addressOf("s09.example"), "192.0.2.9");
         QCOMPARE(restarted.addressOf("s08.example"), QString());
         // An earlier release kept no order: its names, as many as fit.
-        settings.remove("endpointsUsed");
-        restarted.read(settings);
+        QJsonObject endpoints = settings["endpoints"].toObject();
+        endpoints.remove("used");
+        restarted.read({}, {{"endpoints", endpoints}});
         QCOMPARE(restarted.addressOf("s39.example"), "192.0.2.39");
     }
 
