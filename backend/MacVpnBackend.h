@@ -1,6 +1,5 @@
 #pragma once
 
-#include "backend/MacHostEnvironment.h"
 #include "backend/PlatformVpnBackend.h"
 #include "backend/core/BackendJournal.h"
 #include "backend/core/PendingUndo.h"
@@ -8,38 +7,27 @@
 #include "backend/firewall/EndpointMemory.h"
 #include "backend/firewall/Firewall.h"
 #include "backend/hosts/HostsBlock.h"
-#include "backend/plan/ConnectionPlan.h"
+#include "backend/plan/NameResolver.h"
 #include "backend/routes/HostRoutes.h"
 #include "backend/tunnel/TunnelProgram.h"
 
-#include <QHash>
-
-// The macOS backend; one instance lives inside the service for the whole
-// process. A connect computes what it wants of the host (ConnectionPlan) and
-// hands each room its share, in the order of backend/core/ConnectSequence.cpp:
-// the tunnel program, its interface, the routes, DNS, the hosts block, the
-// firewall. Each room records its change in the journal before making it and
-// undoes only what is still its own; a clean-up, also at destruction, applies
-// the empty plan. The members below the sequence are its steps, each handed to
-// its room (backend/core/Steps.cpp).
+// The macOS backend, one for the whole process. A connect computes what it
+// wants of the host (ConnectionPlan) and hands each room its share, in the
+// order of core/ConnectSequence.cpp (its steps by name: core/Steps.cpp);
+// a clean-up, also at destruction, applies the empty plan.
 class MacVpnBackend : public PlatformVpnBackend
 {
     Q_OBJECT
 
 public:
     using SplitTunnelSettings = PeerValues::SplitTunnel;
-    using KillSwitchSettings = PeerValues::KillSwitch;
     using AlwaysOnSettings = Firewall::AlwaysOn;
-    using RouteEntry = ::RouteEntry;
     static constexpr int MaxPauseSeconds = Firewall::MaxPauseSeconds;
-    // A clean-up ends what the user's connection asked of the block (a
-    // disconnect) or keeps it (the tunnel failed, a stop, a connect).
-    enum class Block { Lift, Keep };
+    enum class Block { Lift, Keep }; // what a clean-up does to the user's kill switch
 
     explicit MacVpnBackend(QObject *parent = nullptr);
     explicit MacVpnBackend(MacHostEnvironment environment, QObject *parent = nullptr);
     ~MacVpnBackend() override;
-
     Status status() const override;
     QString lastError() const override;
     void setStatus(Status status);
@@ -52,19 +40,14 @@ public:
     void disconnectVpn() override;
     void cleanup(Block block = Block::Lift);
     bool connectInProgress() const { return connectRunning; }
-    // Why a connect with these values is refused before anything is touched.
     QString refusal(const ParsedVpnConfig &config, const QVariantMap &peer) const;
-
-    // What an earlier run left: taken over and undone (recoverHostChanges may
-    // run on a thread of its own; reportRecovery, on the event loop, tells of
-    // it); with always-on, the block put in force first.
+    // What an earlier run left; the undo may run on a thread of its own.
+    void engageBlockAtStart();
     bool recoverHostChanges();
     void reportRecovery();
-    void engageBlockAtStart();
-
     bool setAlwaysOn(const AlwaysOnSettings &settings);
     QString pauseAlwaysOn(int seconds);
-    QVariantMap alwaysOnState() const;
+    QVariantMap alwaysOnState() const { return firewall.alwaysOnState(); }
 
     bool runCommand(const QString &program, const QStringList &arguments, QString *standardOutput,
                     QString *standardError, int timeoutMs) const;
@@ -80,7 +63,6 @@ public:
     QStringList allowedIps(const ParsedVpnConfig &config) const;
     QString hexKey(const QString &key) const;
     SplitTunnelSettings splitTunnelFromPeer(const QVariantMap &peer) const;
-    KillSwitchSettings killSwitchFromPeer(const QVariantMap &peer) const;
     bool configureInterface(const ParsedVpnConfig &config);
     bool configureRoutes(const ParsedVpnConfig &config);
     void removeRoutes();
@@ -105,9 +87,7 @@ private:
     bool saveJournal(QString *error = nullptr) { return journal.save(error); }
     bool recordHostChange();
     void resolveNames(const QString &endpoint);
-    QHostInfo lookedUp(const QString &name) const;
     QString endpointAddress(const QString &endpoint) const;
-    FirewallRules::Allowed connectedTraffic() const;
     bool updateBlock();
     void watchNetwork();
     void followNetworkChange(const RouteMonitor::Changes &changes);
@@ -122,8 +102,7 @@ private:
     QString lastErrorMessage;
     SplitTunnelSettings splitTunnel;
     ConnectionPlan plan;
-    QHash<QString, QHostInfo> resolvedNames;
-    QString tunnelEndpoint; // host:port, for "details"
+    NameResolver::Answers names{host.lookupHost};
     QString recoveryError;
     TunnelProgram tunnel;
     HostRoutes routes;
@@ -134,8 +113,7 @@ private:
     BackendJournal journal{host.journalDir,
                            {&tunnel, &routes, &dns, &hostsBlock, &firewall, &endpointAddresses}};
     PendingUndo pendingUndo{{&dns, &hostsBlock, &firewall, &routes}};
-    // A connect re-enters the event loop while it waits for the interface
-    // name; these let a disconnect arriving then cancel it cleanly.
+    // A connect waits in the event loop, where a disconnect may cancel it.
     bool connectRunning = false;
     bool connectCancelled = false;
 };

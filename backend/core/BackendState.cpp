@@ -84,7 +84,7 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
     if (currentStatus != Connected)
         return false;
     details->insert(QStringLiteral("interface"), tunnel.interfaceName());
-    details->insert(QStringLiteral("endpoint"), tunnelEndpoint);
+    details->insert(QStringLiteral("endpoint"), plan.endpoint);
     // From the start of the tunnel program, so no handshake is older than the tunnel.
     details->insert(QStringLiteral("uptimeSeconds"), tunnel.uptimeSeconds());
 

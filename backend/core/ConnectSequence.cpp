@@ -10,6 +10,25 @@
 #include <QDebug>
 #include <QScopeGuard>
 
+namespace {
+
+// What the connected tunnel lets through the block: its server, its
+// interface, its DNS servers through it, and what goes around it by design.
+FirewallRules::Allowed connectedTraffic(const ConnectionPlan &plan, const TunnelProgram &tunnel,
+                                        const HostRoutes &routes)
+{
+    FirewallRules::Allowed allowed;
+    allowed.endpoint = plan.server;
+    allowed.port = plan.port;
+    allowed.tunnelInterface = tunnel.interfaceName();
+    allowed.tunnelDns = plan.tunnelDns;
+    allowed.https = routes.bypassHosts();
+    allowed.around = routes.around();
+    return allowed;
+}
+
+} // namespace
+
 void MacVpnBackend::connectVpn(const ParsedVpnConfig &config)
 {
     connectVpn(config, QVariantMap());
@@ -42,7 +61,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     // the block ends as it was before it.
     cleanup(Block::Keep);
     const bool heldBefore = firewall.isHeld();
-    const KillSwitchSettings killSwitch = killSwitchFromPeer(peer);
+    const PeerValues::KillSwitch killSwitch = PeerValues::killSwitch(peer);
     bool succeeded = false;
     const auto restoreBlock = qScopeGuard([this, heldBefore, killSwitch, &succeeded] {
         if (succeeded || connectCancelled)
@@ -85,7 +104,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
     if (!NetworkText::isAddress(endpointHost(config)))
         endpointAddresses.remember(endpointHost(config), resolved.hostName);
     plan = ConnectionPlan::of(resolved, splitTunnel, controlPlaneHost(),
-                              [this](const QString &name) { return lookedUp(name); });
+                              [this](const QString &name) { return names.of(name); });
 
     // Before the tunnel program starts: from then on, with a block, only the
     // server's port leaves outside the tunnel.
@@ -111,7 +130,6 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
-    tunnelEndpoint = PeerValues::endpointOf(resolved);
     const QString setConfig = uapiSetConfig(resolved);
     qInfo().noquote() << QLatin1String("[MacVpnBackend] uapi set config command =\n") +
                              LogMasking::uapiText(setConfig);
@@ -133,7 +151,7 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
 
     const bool routed = configureRoutes(resolved);
     if (routed)
-        firewall.setConnection(connectedTraffic());
+        firewall.setConnection(connectedTraffic(plan, tunnel, routes));
     if (!routed || (firewall.wanted() && !updateBlock())) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
         const QString error = lastError();
@@ -236,20 +254,6 @@ void MacVpnBackend::handleTunnelExit()
     watchNetwork();
 }
 
-// What the connected tunnel lets through the block: its interface, its DNS
-// servers through it, and what goes around it by design.
-FirewallRules::Allowed MacVpnBackend::connectedTraffic() const
-{
-    FirewallRules::Allowed allowed;
-    allowed.endpoint = plan.server;
-    allowed.port = plan.port;
-    allowed.tunnelInterface = tunnel.interfaceName();
-    allowed.tunnelDns = plan.tunnelDns;
-    allowed.https = routes.bypassHosts();
-    allowed.around = routes.around();
-    return allowed;
-}
-
 bool MacVpnBackend::updateBlock()
 {
     QString error;
@@ -301,9 +305,4 @@ QString MacVpnBackend::pauseAlwaysOn(int seconds)
         firewall.pauseAlwaysOn(seconds, currentStatus == Connected || connectRunning);
     watchNetwork();
     return refused;
-}
-
-QVariantMap MacVpnBackend::alwaysOnState() const
-{
-    return firewall.alwaysOnState();
 }

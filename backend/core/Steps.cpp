@@ -93,11 +93,6 @@ MacVpnBackend::SplitTunnelSettings MacVpnBackend::splitTunnelFromPeer(const QVar
     return PeerValues::splitTunnel(peer);
 }
 
-MacVpnBackend::KillSwitchSettings MacVpnBackend::killSwitchFromPeer(const QVariantMap &peer) const
-{
-    return PeerValues::killSwitch(peer);
-}
-
 bool MacVpnBackend::configureInterface(const ParsedVpnConfig &config)
 {
     const QString error = TunnelInterface::configure(host, tunnel.interfaceName(), config);
@@ -135,14 +130,14 @@ void MacVpnBackend::removeRoutes()
 
 QStringList MacVpnBackend::splitTunnelRoutes() const
 {
-    return ConnectionPlan::splitRoutes(splitTunnel, [this](const QString &name) { return lookedUp(name); },
-                                       plan.tunnelOwn);
+    return ConnectionPlan::splitRoutes(
+        splitTunnel, [this](const QString &name) { return names.of(name); }, plan.tunnelOwn);
 }
 
 QStringList MacVpnBackend::resolvedSplitTunnelRoutes(const QVariantMap &entry) const
 {
     return ConnectionPlan::entryRoutes(entry, splitTunnel.mode,
-                                       [this](const QString &name) { return lookedUp(name); },
+                                       [this](const QString &name) { return names.of(name); },
                                        plan.tunnelOwn);
 }
 
@@ -273,31 +268,18 @@ void MacVpnBackend::configureDnsOnNewServices()
 // address it had last time.
 void MacVpnBackend::resolveNames(const QString &endpoint)
 {
-    QStringList names = {controlPlaneHost()};
+    QStringList wanted = {controlPlaneHost()};
     if (!NetworkText::isAddress(endpoint) &&
         !(firewall.isEngaged() && !endpointAddresses.addressOf(endpoint).isEmpty()))
-        names.append(endpoint);
+        wanted.append(endpoint);
     if (splitTunnel.enabled) {
         for (const QVariant &entry : std::as_const(splitTunnel.entries)) {
             const QString value = entry.toMap().value(QStringLiteral("value")).toString().trimmed();
             if (!isIpv4Route(value) && !isIpv6Route(value))
-                names.append(value);
+                wanted.append(value);
         }
     }
-    resolvedNames = NameResolver::resolve(names, host.lookupHost, NameLookupDeadlineMs,
-                                          [this] { return connectCancelled; });
-    for (auto it = resolvedNames.cbegin(); it != resolvedNames.cend(); ++it) {
-        if (it->error() == QHostInfo::UnknownError)
-            qWarning() << "[MacVpnBackend] name lookup timed out" << it.key();
-    }
-}
-
-// A connect has looked its names up already, under its deadline; a name
-// it did not ask for is looked up now.
-QHostInfo MacVpnBackend::lookedUp(const QString &name) const
-{
-    const auto found = resolvedNames.constFind(name);
-    return found != resolvedNames.cend() ? *found : host.lookupHost(name);
+    names.resolve(wanted, NameLookupDeadlineMs, [this] { return connectCancelled; });
 }
 
 // The endpoint's name stands for one address, the same for the server
@@ -310,7 +292,7 @@ QString MacVpnBackend::endpointAddress(const QString &endpoint) const
     if (firewall.isEngaged() && !endpointAddresses.addressOf(endpoint).isEmpty())
         return endpointAddresses.addressOf(endpoint);
     QString fallback;
-    for (const QHostAddress &address : lookedUp(endpoint).addresses()) {
+    for (const QHostAddress &address : names.of(endpoint).addresses()) {
         if (address.isLoopback() || address.isMulticast() || address.isLinkLocal() ||
             address.isBroadcast() || address == QHostAddress::AnyIPv4 ||
             address == QHostAddress::AnyIPv6)

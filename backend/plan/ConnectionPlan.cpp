@@ -27,6 +27,7 @@ ConnectionPlan ConnectionPlan::of(const ParsedVpnConfig &config,
     ConnectionPlan plan;
     plan.server = PeerValues::endpointHost(config);
     plan.port = PeerValues::endpointPort(config);
+    plan.endpoint = PeerValues::endpointOf(config);
     plan.address = PeerValues::clientIpv4(config);
     static const QRegularExpression visible(QStringLiteral("\\S"));
     for (const QString &server : {config.dns1, config.dns2}) {

@@ -28,6 +28,7 @@ struct ConnectionPlan
 
     QString server;          // the endpoint's one address: a host route around the tunnel
     int port = 0;            // the endpoint's
+    QString endpoint;        // address and port, as the tunnel program takes them
     QString address;         // the tunnel interface's IPv4 address
     QList<Route> routes;     // in the order they are added
     QStringList bypass;      // the control-plane host's addresses, around the tunnel and pinned

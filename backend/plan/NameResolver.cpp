@@ -1,6 +1,7 @@
 #include "backend/plan/NameResolver.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QElapsedTimer>
 #include <QMutex>
 #include <QThreadPool>
@@ -24,7 +25,7 @@ QThreadPool &pool()
     return threads;
 }
 
-struct Answers
+struct Collected
 {
     QMutex mutex;
     QHash<QString, QHostInfo> byName;
@@ -37,7 +38,7 @@ QHash<QString, QHostInfo> resolve(const QStringList &names, const Lookup &lookup
 {
     // Outlives this call: a lookup still running at the deadline finishes
     // into it later, unread.
-    const auto answers = std::make_shared<Answers>();
+    const auto answers = std::make_shared<Collected>();
     QStringList wanted = names;
     wanted.removeDuplicates();
     for (const QString &name : std::as_const(wanted)) {
@@ -77,6 +78,21 @@ QHash<QString, QHostInfo> resolve(const QStringList &names, const Lookup &lookup
         result.insert(name, late);
     }
     return result;
+}
+
+void Answers::resolve(const QStringList &names, int deadlineMs, const std::function<bool()> &stop)
+{
+    answers = NameResolver::resolve(names, lookup, deadlineMs, stop);
+    for (auto it = answers.cbegin(); it != answers.cend(); ++it) {
+        if (it->error() == QHostInfo::UnknownError)
+            qWarning() << "[MacVpnBackend] name lookup timed out" << it.key();
+    }
+}
+
+QHostInfo Answers::of(const QString &name) const
+{
+    const auto found = answers.constFind(name);
+    return found != answers.cend() ? *found : lookup(name);
 }
 
 } // namespace NameResolver

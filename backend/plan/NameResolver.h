@@ -18,4 +18,18 @@ using Lookup = std::function<QHostInfo(const QString &)>;
 QHash<QString, QHostInfo> resolve(const QStringList &names, const Lookup &lookup, int deadlineMs,
                                   const std::function<bool()> &stop);
 
+// What a connect's names stood for, looked up together; a name it did not
+// ask for is looked up when it is asked about.
+class Answers
+{
+public:
+    explicit Answers(Lookup lookup) : lookup(std::move(lookup)) {}
+    void resolve(const QStringList &names, int deadlineMs, const std::function<bool()> &stop);
+    QHostInfo of(const QString &name) const;
+
+private:
+    Lookup lookup;
+    QHash<QString, QHostInfo> answers;
+};
+
 } // namespace NameResolver
