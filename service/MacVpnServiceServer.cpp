@@ -139,7 +139,8 @@ void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
     const QString excerpt = LogMasking::messageExcerpt(line);
     if (clientLog.allow(excerpt.size()))
         qInfo().noquote() << "[MacVpnServiceServer] request"
-                          << document.object().value(QLatin1String("command")).toString()
+                          << LogMasking::clientValue(
+                                 document.object().value(QLatin1String("command")).toString())
                           << "uid=" << caller << "bytes=" << line.size() << "=" << excerpt;
 
     // A connect may serve other clients while it waits for the tunnel; should

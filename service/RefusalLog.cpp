@@ -12,7 +12,7 @@ void RefusalLog::refused(const QString &command, uid_t uid)
 {
     const auto found = windows.find(uid);
     if (found != windows.end()) {
-        ++found->more;
+        ++found->more[command];
         return;
     }
     qWarning() << "[MacVpnServiceServer] command refused" << command << "uid=" << uid;
@@ -30,9 +30,9 @@ void RefusalLog::summarise()
             ++it;
             continue;
         }
-        if (it->more > 0)
-            qWarning() << "[MacVpnServiceServer]" << it->more
-                       << "more commands refused in the last second, uid=" << it.key();
+        for (auto more = it->more.cbegin(); more != it->more.cend(); ++more)
+            qWarning() << "[MacVpnServiceServer]" << more.value() << "more" << more.key()
+                       << "commands refused in the last second, uid=" << it.key();
         it = windows.erase(it);
     }
     if (windows.isEmpty())

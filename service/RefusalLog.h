@@ -27,7 +27,8 @@ private:
     struct Window
     {
         QElapsedTimer since;
-        qint64 more = 0;
+        // By command: only the commanding ones are ever refused, so a few.
+        QHash<QString, qint64> more;
     };
     void summarise();
 

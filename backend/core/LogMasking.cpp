@@ -97,6 +97,11 @@ QString messageLine(const QByteArray &line)
         QJsonDocument(maskObject(document.object())).toJson(QJsonDocument::Compact))));
 }
 
+QString clientValue(const QString &value)
+{
+    return escaped(value.left(MaxExcerptChars));
+}
+
 QString messageExcerpt(const QByteArray &line)
 {
     const QString text = messageLine(line);

@@ -20,6 +20,9 @@ QJsonObject clientConfig(const QJsonObject &config);
 // Whatever a client sent stays on one log line: control characters and line
 // separators are escaped, so no text of its can pass for a line of the log.
 QString messageLine(const QByteArray &line);
+// One value a client sent (a command's name), escaped as above, at most
+// MaxExcerptChars of it.
+QString clientValue(const QString &value);
 // The same, cut short after MaxExcerptChars, with the size said.
 constexpr qsizetype MaxExcerptChars = 300;
 QString messageExcerpt(const QByteArray &line);

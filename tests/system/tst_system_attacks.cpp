@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLocalServer>
+#include <QRegularExpression>
 #include <QTest>
 #include <QUdpSocket>
 
@@ -231,6 +232,11 @@ private Q_SLOTS:
                  refused);
         QCOMPARE(host.stateBytes(), state);
         QVERIFY(host.daemonLog().contains("command refused \"disconnect\" uid= 65534"));
+        // The count of those refused after it, when the second is over, by command.
+        QTRY_VERIFY(host.daemonLog().contains("commands refused in the last second"));
+        for (const QString &line : host.daemonLog().split('\n').filter("in the last second"))
+            QVERIFY2(line.contains(QRegularExpression("more \"(alwaysOn|connect)\" commands")),
+                     qPrintable(line));
         QCOMPARE(host.requestAs(user, StatusRequest), connected);
         QCOMPARE(host.request(StatusRequest), connected); // root sees it all
         // Another who may command sees the status, not this connection's settings.
@@ -328,6 +334,7 @@ private Q_SLOTS:
         const QString forged = "[MacVpnServiceServer] listening \"/private/tmp/FORGED\" euid= 0";
         host.rawRequest({"x\r" + forged.toUtf8() + "\u2028" + forged.toUtf8() + "\n"});
         host.request(hostileRequest({{"last", QJsonObject{{"Jc", "4\n" + forged}}}}));
+        host.request({{"command", "status\n" + forged}});
         QCOMPARE(host.stopDaemon(), 0);
         const QString log = host.daemonLog();
         QVERIFY(!log.contains(QChar('\r')) && !log.contains(QChar(0x2028)));
