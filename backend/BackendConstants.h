@@ -27,8 +27,6 @@ constexpr auto JournalDir = QLatin1String("/Library/Application Support/Tarvex/V
 constexpr auto OrganizationDomain = QLatin1String("tarvex.com");
 
 constexpr auto IfconfigTool = QLatin1String("/sbin/ifconfig");
-constexpr auto RouteTool = QLatin1String("/sbin/route");
-constexpr auto NetstatTool = QLatin1String("/usr/sbin/netstat");
 constexpr auto NetworksetupTool = QLatin1String("/usr/sbin/networksetup");
 constexpr auto DscacheutilTool = QLatin1String("/usr/bin/dscacheutil");
 constexpr auto KillallTool = QLatin1String("/usr/bin/killall");

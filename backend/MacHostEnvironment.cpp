@@ -1,6 +1,7 @@
 #include "backend/MacHostEnvironment.h"
 
 #include "backend/BackendConstants.h"
+#include "backend/routes/RouteKernel.h"
 
 #include <QFile>
 
@@ -86,11 +87,11 @@ bool memberOfAdministrators(uid_t uid)
 } // namespace
 
 MacHostEnvironment::MacHostEnvironment()
-    : ifconfigTool(IfconfigTool), routeTool(RouteTool), netstatTool(NetstatTool),
-      networksetupTool(NetworksetupTool), dscacheutilTool(DscacheutilTool),
+    : ifconfigTool(IfconfigTool), networksetupTool(NetworksetupTool), dscacheutilTool(DscacheutilTool),
       killallTool(KillallTool), pfctlTool(PfctlTool), runtimeDir(RuntimeDir),
       upstreamSocketDir(UpstreamSocketDir), hostsFile(HostsFilePath), journalDir(JournalDir),
       lookupHost([](const QString &name) { return QHostInfo::fromName(name); }),
       consoleOwner(ownerOfConsole), isAdministrator(memberOfAdministrators)
 {
+    RouteKernel::attach(this);
 }

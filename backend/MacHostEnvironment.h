@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QByteArray>
+#include <QHash>
 #include <QHostInfo>
 #include <QString>
 
@@ -14,8 +16,6 @@ struct MacHostEnvironment
     MacHostEnvironment();
 
     QString ifconfigTool;
-    QString routeTool;
-    QString netstatTool;
     QString networksetupTool;
     QString dscacheutilTool;
     QString killallTool;
@@ -29,6 +29,17 @@ struct MacHostEnvironment
     // Where the tunnel program is looked for. Empty means the running
     // executable's directory, asked for at the moment of the search.
     QString applicationDir;
+
+    // The kernel's routing socket (PF_ROUTE, see RoutingSocket): one to
+    // write on, nothing read from it, and one to listen on; -1 when it cannot
+    // be had. One message written: 0, or the kernel's error number.
+    std::function<int()> openRouteWriter;
+    std::function<int()> openRouteListener;
+    std::function<int(int socket, const QByteArray &message)> writeRoute;
+    // The routing table as sysctl's NET_RT_DUMP2 hands it over, and the
+    // interfaces by index (if_nameindex).
+    std::function<bool(QByteArray *records)> dumpRoutes;
+    std::function<QHash<uint, QString>()> interfaces;
 
     // Blocking name look-up through the system resolver.
     std::function<QHostInfo(const QString &)> lookupHost;

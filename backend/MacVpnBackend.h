@@ -77,7 +77,7 @@ public:
     QString controlPlaneHost() const;
     void pinControlPlaneHosts(const QStringList &addresses);
     void unpinControlPlaneHosts();
-    QString defaultGateway() const;
+    QString defaultGateway();
     bool isIpv4Route(const QString &route) const;
     bool isIpv6Route(const QString &route) const;
     QString routeFamily(const QString &route) const;

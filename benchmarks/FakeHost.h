@@ -19,6 +19,7 @@ class FakeHost
 {
 public:
     FakeHost();
+    ~FakeHost();
 
     MacHostEnvironment environment() const;
     QString path(const QString &relative) const { return dir.filePath(relative); }
@@ -32,6 +33,9 @@ public:
     QStringList calls() const { return simulated.commandLines(); }
 
     static QString binary(const QString &name);
+    // This process's processor time so far, and its peak resident memory.
+    static double cpuMs();
+    static long peakKiB();
 
 private:
     QTemporaryDir dir;

@@ -21,7 +21,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sys/resource.h>
 #include <vector>
 
 namespace {
@@ -34,14 +33,6 @@ struct Line
 
 QElapsedTimer monotonic;
 std::vector<Line> lines;
-
-double cpuMs()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0 +
-           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
-}
 
 bool startsWith(const Line &line, const char *prefix)
 {
@@ -119,7 +110,7 @@ int main(int argc, char *argv[])
     for (int cycle = 0; cycle < 9; ++cycle) {
         lines.clear();
         const int flushesBefore = AtomicFile::flushCount();
-        const double cpuBefore = cpuMs();
+        const double cpuBefore = FakeHost::cpuMs();
         const qint64 before = monotonic.nsecsElapsed();
         backend.connectVpn(config);
         if (backend.status() != PlatformVpnBackend::Connected) {
@@ -132,7 +123,7 @@ int main(int argc, char *argv[])
         waits = count;
         walls.push_back(wall);
         overheads.push_back(wall - children);
-        cpus.push_back(cpuMs() - cpuBefore);
+        cpus.push_back(FakeHost::cpuMs() - cpuBefore);
         flushes = AtomicFile::flushCount() - flushesBefore;
     }
 

@@ -14,23 +14,14 @@
 #include <QTimer>
 
 #include <cstdio>
-#include <sys/resource.h>
 
 namespace {
-
-double cpuMs()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000.0 +
-           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000.0;
-}
 
 // Runs the event loop for so many minutes and prints what it cost.
 void measure(QCoreApplication &app, FakeHost &host, const char *what, int minutes)
 {
     const QStringList before = host.calls();
-    const double cpu = cpuMs();
+    const double cpu = FakeHost::cpuMs();
     QTimer::singleShot(minutes * 60000, &app, &QCoreApplication::quit);
     app.exec();
     const QStringList calls = host.calls().mid(before.size());
@@ -38,7 +29,7 @@ void measure(QCoreApplication &app, FakeHost &host, const char *what, int minute
     constexpr double MacPfctlMs = 5;
     std::printf("%s, %d min: %.1f pfctl calls a minute, %lld tool calls in all, %.0f ms of the "
                 "service's own CPU; on a Mac about %.0f ms of pfctl a minute, %.3f %% of a core\n",
-                what, minutes, pfctl, qlonglong(calls.size()), cpuMs() - cpu, pfctl * MacPfctlMs,
+                what, minutes, pfctl, qlonglong(calls.size()), FakeHost::cpuMs() - cpu, pfctl * MacPfctlMs,
                 pfctl * MacPfctlMs / 600.0);
 }
 

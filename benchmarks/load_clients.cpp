@@ -1,10 +1,11 @@
 // Floods the running service the way a hostile local user could, and times
 // honest clients throughout: connections that say nothing, clients that
 // write a byte at a time and never finish a line, and junk (malformed lines,
-// oversized lines, clients that vanish mid-request). Flood clients that the
-// service closes come straight back.
+// oversized lines, clients that vanish mid-request), and clients that send
+// most of the largest request allowed and never finish it. Flood clients that
+// the service closes come straight back.
 //
-//   load_clients [--seconds S] [--honest N] [--idle N] [--slow N] [--junk N]
+//   load_clients [--seconds S] [--honest N] [--idle N] [--slow N] [--junk N] [--big N]
 //                [--pid DAEMON_PID] [--socket PATH] [--max-latency-ms MS]
 //
 // Exit status 0 when every honest request was answered (within the given
@@ -31,7 +32,10 @@
 
 namespace {
 
-enum class Kind { Idle, Slow, Junk };
+enum class Kind { Idle, Slow, Junk, Big };
+
+// Just under the service's bound on one request.
+constexpr qsizetype BigRequestBytes = 15 * 1024 * 1024;
 
 struct Figures
 {
@@ -78,6 +82,8 @@ private:
         if (kind == Kind::Slow) {
             socket->write("{");
             drip.start(200);
+        } else if (kind == Kind::Big) {
+            socket->write(QByteArray(BigRequestBytes, ' '));
         } else if (kind == Kind::Junk) {
             switch (turn++ % 3) {
             case 0:
@@ -180,7 +186,7 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     // Qt's complaints about sockets the service closed are the point here.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    int seconds = 10, honestClients = 4, idle = 300, slow = 200, junk = 50;
+    int seconds = 10, honestClients = 4, idle = 300, slow = 200, junk = 50, big = 0;
     double maxLatencyMs = 0;
     qint64 pid = 0;
     QString path = VpnServiceProtocol::socketPath();
@@ -190,6 +196,7 @@ int main(int argc, char *argv[])
         {QStringLiteral("--idle"), [&](const QString &v) { idle = v.toInt(); }},
         {QStringLiteral("--slow"), [&](const QString &v) { slow = v.toInt(); }},
         {QStringLiteral("--junk"), [&](const QString &v) { junk = v.toInt(); }},
+        {QStringLiteral("--big"), [&](const QString &v) { big = v.toInt(); }},
         {QStringLiteral("--pid"), [&](const QString &v) { pid = v.toLongLong(); }},
         {QStringLiteral("--socket"), [&](const QString &v) { path = v; }},
         {QStringLiteral("--max-latency-ms"),
@@ -203,10 +210,11 @@ int main(int argc, char *argv[])
 
     Figures figures;
     std::vector<std::unique_ptr<FloodClient>> flood;
-    for (int i = 0; i < idle + slow + junk; ++i)
-        flood.push_back(std::make_unique<FloodClient>(i < idle          ? Kind::Idle
-                                                      : i < idle + slow ? Kind::Slow
-                                                                        : Kind::Junk,
+    for (int i = 0; i < idle + slow + junk + big; ++i)
+        flood.push_back(std::make_unique<FloodClient>(i < idle                 ? Kind::Idle
+                                                      : i < idle + slow        ? Kind::Slow
+                                                      : i < idle + slow + junk ? Kind::Junk
+                                                                               : Kind::Big,
                                                       path, figures, i));
 
     Honest honest;
@@ -243,8 +251,9 @@ int main(int argc, char *argv[])
         return latencies.empty() ? 0.0 : latencies[size_t(q * double(latencies.size() - 1))];
     };
     const double worst = latencies.empty() ? 0.0 : latencies.back();
-    std::printf("flood for %d s: %d idle, %d slow writers, %d junk clients, reconnecting\n",
-                seconds, idle, slow, junk);
+    std::printf("flood for %d s: %d idle, %d slow writers, %d junk clients, %d unfinished "
+                "requests of %lld MiB, reconnecting\n",
+                seconds, idle, slow, junk, big, qlonglong(BigRequestBytes >> 20));
     std::printf("honest requests answered: %zu, failed: %d; latency p50 %.2f ms, p99 %.2f ms, "
                 "max %.2f ms\n",
                 latencies.size(), honest.failures, at(0.50), at(0.99), worst);

@@ -24,10 +24,13 @@ ServiceReply exchangeWithService(const QJsonObject &request, int timeoutMs)
                 .arg(VpnServiceProtocol::socketPath());
         return reply;
     }
+    // A connect with a country's ranges runs to megabytes: written whole.
     socket.write(VpnServiceProtocol::encodeMessage(request));
-    if (!socket.waitForBytesWritten(3000)) {
-        reply.failure = socket.errorString();
-        return reply;
+    while (socket.bytesToWrite() > 0) {
+        if (!socket.waitForBytesWritten(3000)) {
+            reply.failure = socket.errorString();
+            return reply;
+        }
     }
     reply.reached =
         VpnServiceProtocol::readMessage(&socket, &reply.message, &reply.failure, timeoutMs);

@@ -55,6 +55,7 @@ const char *const ParseHelp =
 const char *const ConnectHelp =
     "Usage: tarvexctl connect STRING|@FILE|- [--kill-switch [--allow-lan]]\n"
     "                         [--only DEST... | --exclude DEST...]\n"
+    "                         [--only-file FILE | --exclude-file FILE]\n"
     "\n"
     "Parses the connection string locally (a bad string never reaches the service),\n"
     "then asks the service to connect and waits for the outcome.\n"
@@ -65,7 +66,10 @@ const char *const ConnectHelp =
     "\n"
     "Split tunnelling (DEST is an address, a range such as 10.0.0.0/8, or a host name):\n"
     "  --only DEST...      send only these destinations through the tunnel\n"
-    "  --exclude DEST...   send everything but these destinations through the tunnel\n";
+    "  --exclude DEST...   send everything but these destinations through the tunnel\n"
+    "  --only-file FILE, --exclude-file FILE\n"
+    "                      the same, one destination a line from FILE (- for standard\n"
+    "                      input); blank lines and text after # are ignored\n";
 
 const char *const StatusHelp =
     "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of "
@@ -157,9 +161,13 @@ void printReadable(const QJsonObject &reply)
             QStringList destinations;
             for (const QJsonValue &entry : split.value(QLatin1String("entries")).toArray())
                 destinations.append(entry.toObject().value(QLatin1String("value")).toString());
+            // A country's ranges run to thousands: the first few, and how many.
+            constexpr int Shown = 8;
+            const qsizetype more = destinations.size() - Shown;
             out() << (split.value(QLatin1String("mode")).toInt() == 1 ? "only through tunnel: "
                                                                       : "excluded from tunnel: ")
-                  << destinations.join(QLatin1String(", ")) << '\n';
+                  << destinations.mid(0, Shown).join(QLatin1String(", "))
+                  << (more > 0 ? QStringLiteral(" and %1 more").arg(more) : QString()) << '\n';
         }
     }
 }
@@ -301,6 +309,24 @@ int runParse(const QStringList &args, bool json)
     return Ok;
 }
 
+// One destination a line; what follows # is a comment.
+bool readDestinations(const QString &path, QJsonArray *entries, QString *problem)
+{
+    QFile file(path);
+    const bool opened = path == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly)
+                                                   : file.open(QIODevice::ReadOnly);
+    if (!opened) {
+        *problem = QStringLiteral("%1: %2").arg(path, file.errorString());
+        return false;
+    }
+    while (!file.atEnd()) {
+        const QString line = QString::fromUtf8(file.readLine()).section(QLatin1Char('#'), 0, 0);
+        if (!line.trimmed().isEmpty())
+            entries->append(QJsonObject{{QStringLiteral("value"), line.trimmed()}});
+    }
+    return true;
+}
+
 int runConnect(const QStringList &args, bool json)
 {
     QString source;
@@ -308,7 +334,8 @@ int runConnect(const QStringList &args, bool json)
     QJsonArray entries;
     bool killSwitch = false;
     bool allowLan = false;
-    for (const QString &arg : args) {
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString &arg = args[i];
         if (arg == QLatin1String("--kill-switch")) {
             killSwitch = true;
         } else if (arg == QLatin1String("--allow-lan")) {
@@ -318,6 +345,18 @@ int runConnect(const QStringList &args, bool json)
             if (mode != 0 && mode != wanted)
                 return usage(QStringLiteral("--only and --exclude cannot be combined"));
             mode = wanted;
+        } else if (arg == QLatin1String("--only-file") || arg == QLatin1String("--exclude-file")) {
+            const int wanted = arg == QLatin1String("--only-file") ? 1 : 2;
+            if (mode != 0 && mode != wanted)
+                return usage(QStringLiteral("--only and --exclude cannot be combined"));
+            if (i + 1 >= args.size())
+                return usage(QStringLiteral("%1 needs a file").arg(arg));
+            mode = wanted;
+            QString problem;
+            if (!readDestinations(args[++i], &entries, &problem)) {
+                err() << problem << '\n';
+                return Refused;
+            }
         } else if (arg.startsWith(QLatin1String("--"))) {
             return usage(QStringLiteral("unknown option %1").arg(arg));
         } else if (mode != 0) {

@@ -11,11 +11,11 @@
 // run as root, so each must be exactly what its field allows.
 namespace ConnectValidator {
 
-// Upper bounds on what one connect may ask for: every allowed range and
-// every split-tunnel destination costs a route command, and a connect holds
-// up the service while it runs.
-constexpr int MaxAllowedIps = 512;
-constexpr int MaxSplitTunnelEntries = 256;
+// Upper bounds on what one connect may ask for. A country's address ranges
+// run to 15,000 prefixes; each costs a routing message, a journal line and a
+// firewall table entry, and the connect holds up the service while it runs.
+constexpr int MaxAllowedIps = 50000;
+constexpr int MaxSplitTunnelEntries = 50000;
 constexpr int MaxAmneziaPacketChars = 4096;
 
 // The user-facing message naming the first field that is not acceptable,

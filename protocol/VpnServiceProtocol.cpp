@@ -49,13 +49,15 @@ bool VpnServiceProtocol::readMessage(QIODevice *device, QJsonObject *message, QS
     QByteArray buffer;
     QElapsedTimer timer;
     timer.start();
-    while (!buffer.contains('\n') && timer.elapsed() < timeoutMs) {
-        buffer += device->readAll();
-        if (buffer.contains('\n'))
-            break;
-        device->waitForReadyRead(100);
+    bool complete = false;
+    while (!complete && timer.elapsed() < timeoutMs) {
+        const QByteArray more = device->readAll();
+        buffer += more;
+        complete = more.contains('\n'); // a large reply is not searched again and again
+        if (!complete)
+            device->waitForReadyRead(100);
     }
-    if (!buffer.contains('\n')) {
+    if (!complete) {
         if (error)
             *error = QStringLiteral("timeout");
         return false;

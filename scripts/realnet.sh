@@ -148,7 +148,7 @@ realnet_client() {
   mkdir -p /opt/tarvex "$MACSIM_STATE_DIR"
   cp "$BIN/TarvexVpnService" /opt/tarvex/
   cp "$ROOT/tests/standins/wg-launcher/amneziawg-go" /opt/tarvex/
-  "$BIN/mactools" reset
+  MACSIM_APPLY=1 "$BIN/mactools" reset  # the kernel stand-in acts on this namespace
   "$BIN/mactools" link
   printf '%s\ttarvex.com\n' "$CONTROL_PLANE" >> /etc/hosts
 }

@@ -21,8 +21,8 @@ class ClientConnections : public QObject
 {
 public:
     // Honest use is one application and a command-line tool. A flood either
-    // stays under the cap, each connection costing a descriptor and at most
-    // one request's buffer (1 MiB), or displaces its own oldest members.
+    // stays under the cap, each connection costing a descriptor and a share
+    // of the request buffers' bound, or displaces its own oldest members.
     static constexpr int MaxClients = 64;
     static constexpr int RequestDeadlineMs = 5000;
     static constexpr int ReplyDeadlineMs = 5000;

@@ -14,6 +14,7 @@
 #include <QJsonParseError>
 #include <QLocalSocket>
 #include <QPointer>
+#include <QTimer>
 
 #include <unistd.h>
 
@@ -21,10 +22,9 @@ namespace {
 
 // Others reach the socket through it, and only root writes to it.
 constexpr mode_t SocketDirectoryMode = 0755;
-// Any local user may write to the socket; nobody may make a root process
-// buffer without bound. Qt itself reads ahead no more than a chunk.
-constexpr qsizetype MaxRequestBytes = 1024 * 1024;
-constexpr qint64 ReadChunkBytes = 64 * 1024;
+// Qt reads ahead no more than a chunk for a client; the request buffers
+// bound the rest.
+constexpr qint64 ReadChunkBytes = RequestBuffers::FreeBytes;
 constexpr int ExitSocketLost = 1;
 // A peer whose user the kernel cannot tell is nobody.
 constexpr uid_t UnknownUser = uid_t(-1);
@@ -40,7 +40,12 @@ MacVpnServiceServer::MacVpnServiceServer(QString socketPath, MacHostEnvironment 
                                          QObject *parent)
     : QObject(parent), path(std::move(socketPath)),
       access(environment.consoleOwner, environment.isAdministrator),
-      backend(std::move(environment)), clients(clientLog), recovery(backend)
+      backend(std::move(environment)), clients(clientLog),
+      requests([this](QLocalSocket *socket) {
+          // Not from inside another client's teardown: on a turn of its own.
+          QTimer::singleShot(0, socket, [this, socket] { handleReadyRead(socket); });
+      }),
+      recovery(backend)
 {
     connect(&recovery, &StartupRecovery::finished, this, [this] {
         backend.reportRecovery();
@@ -110,30 +115,29 @@ void MacVpnServiceServer::handleNewConnection()
 
 void MacVpnServiceServer::handleReadyRead(QLocalSocket *socket)
 {
-    QByteArray buffer = socket->property("buffer").toByteArray();
-    buffer += socket->readAll();
-    const qsizetype lineEnd = buffer.indexOf('\n');
-    if (lineEnd < 0 && buffer.size() <= MaxRequestBytes) {
-        socket->setProperty("buffer", buffer);
+    // A client held back for room may have been served since its turn was set.
+    if (socket->property("served").toBool())
         return;
-    }
+    QByteArray line;
+    const RequestBuffers::Outcome outcome = requests.read(socket, &line);
+    if (outcome == RequestBuffers::Outcome::Waiting)
+        return;
+    socket->setProperty("served", true);
 
     // One exchange per connection: nothing this client sends later is read.
     disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
-    socket->setProperty("buffer", QVariant());
     socket->setReadBufferSize(1);
     clients.requestReceived(socket);
     const uid_t caller = PeerCredentials::uid(socket->socketDescriptor()).value_or(UnknownUser);
-    if (lineEnd < 0) {
+    if (outcome == RequestBuffers::Outcome::TooLarge) {
         if (clientLog.allow())
-            qWarning() << "[MacVpnServiceServer] request too large" << buffer.size();
+            qWarning() << "[MacVpnServiceServer] request too large";
         writeResponse(socket, statusResponse(false, QStringLiteral("request too large"), caller));
         return;
     }
 
     // A request is logged by its command and size, and no more than the
-    // beginning of its text: any local user can send a megabyte a time.
-    const QByteArray line = buffer.left(lineEnd);
+    // beginning of its text: any local user can send megabytes a time.
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
     const QString excerpt = LogMasking::messageExcerpt(line);

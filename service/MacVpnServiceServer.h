@@ -5,6 +5,7 @@
 #include "service/ClientConnections.h"
 #include "service/LogBudget.h"
 #include "service/RefusalLog.h"
+#include "service/RequestBuffers.h"
 #include "service/ServiceListener.h"
 #include "service/StartupRecovery.h"
 
@@ -48,5 +49,6 @@ private:
     LogBudget clientLog;
     RefusalLog refusals;
     ClientConnections clients;
+    RequestBuffers requests;
     StartupRecovery recovery; // before the backend goes, its thread has ended
 };

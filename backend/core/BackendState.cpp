@@ -85,6 +85,10 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
         return false;
     details->insert(QStringLiteral("interface"), tunnel.interfaceName());
     details->insert(QStringLiteral("endpoint"), plan.endpoint);
+    if (plan.split.entries > 0)
+        details->insert(QStringLiteral("splitTunnel"),
+                        QVariantMap{{QStringLiteral("entries"), plan.split.entries},
+                                    {QStringLiteral("routes"), plan.split.routes}});
     // From the start of the tunnel program, so no handshake is older than the tunnel.
     details->insert(QStringLiteral("uptimeSeconds"), tunnel.uptimeSeconds());
 

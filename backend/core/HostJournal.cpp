@@ -22,8 +22,9 @@
 namespace {
 
 constexpr auto LockFile = QLatin1String("lock");
-// A journal is a few kilobytes; anything far larger was not written by us.
-constexpr qint64 MaxJournalBytes = 4 * 1024 * 1024;
+// 100,000 routes (50,000 allowed ranges and as many exclusions) take about
+// 10 MB with the rest of the record; anything far larger was not written by us.
+constexpr qint64 MaxJournalBytes = 64 * 1024 * 1024;
 
 QString systemError()
 {

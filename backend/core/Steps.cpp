@@ -203,7 +203,7 @@ void MacVpnBackend::unpinControlPlaneHosts()
     hostsBlock.unpin();
 }
 
-QString MacVpnBackend::defaultGateway() const
+QString MacVpnBackend::defaultGateway()
 {
     return routes.defaultGatewayOf(false);
 }

@@ -131,8 +131,10 @@ QStringList rules(const Allowed &allowed)
                      .arg(host.family, host.text)
                      .arg(HttpsPort);
     }
-    for (const QString &around : allowed.around)
-        rules << passOut(around, "flags S/SA keep state");
+    // One rule, however many: a country's ranges are a table's entries.
+    if (!allowed.around.isEmpty())
+        rules << QStringLiteral("pass out quick from any to <%1> flags S/SA keep state")
+                     .arg(QLatin1String(AroundTable));
     if (allowed.localNetworks) {
         for (const char *network : LocalNetworks) {
             const Destination lan = destination(QLatin1String(network));
@@ -147,9 +149,23 @@ QStringList rules(const Allowed &allowed)
     return rules;
 }
 
+QStringList aroundEntries(const Allowed &allowed)
+{
+    QStringList entries;
+    entries.reserve(allowed.around.size());
+    for (const QString &around : allowed.around)
+        entries.append(destination(around).text);
+    return entries;
+}
+
 QByteArray text(const Allowed &allowed)
 {
-    return rules(allowed).join(QLatin1Char('\n')).toUtf8() + '\n';
+    QByteArray table;
+    if (!allowed.around.isEmpty())
+        table = QStringLiteral("table <%1> const { %2 }\n")
+                    .arg(QLatin1String(AroundTable), aroundEntries(allowed).join(QLatin1Char(' ')))
+                    .toUtf8();
+    return table + rules(allowed).join(QLatin1Char('\n')).toUtf8() + '\n';
 }
 
 QList<QStringList> statesToKill(const Allowed *before, const Allowed &after)

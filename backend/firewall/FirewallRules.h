@@ -35,7 +35,15 @@ struct Allowed
     bool operator==(const Allowed &other) const;
 };
 
+// The exclusions and named endpoints passed around the tunnel: a constant
+// table of the anchor, which nobody else can change.
+constexpr const char *AroundTable = "tarvex_around";
+
+// The rules as "pfctl -s rules" prints them; the table's entries as
+// "pfctl -t TABLE -T show" does (in an order of its own); and the text to
+// load, the table first.
 QStringList rules(const Allowed &allowed);
+QStringList aroundEntries(const Allowed &allowed);
 QByteArray text(const Allowed &allowed);
 
 // What "pfctl -k" must end when the rules change from before to after: each

@@ -188,10 +188,17 @@ bool KillSwitch::pfEnabled(QString *problem)
 bool KillSwitch::rulesInForce(QString *problem)
 {
     QString output;
+    QString entries;
     const QStringList rules = FirewallRules::rules(allowed);
     if (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-s"), QStringLiteral("rules")},
               &output, nullptr) &&
-        PfctlReply::sameRules(output, rules))
+        PfctlReply::sameRules(output, rules) &&
+        (allowed.around.isEmpty() ||
+         (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-t"),
+                 QLatin1String(FirewallRules::AroundTable), QStringLiteral("-T"),
+                 QStringLiteral("show")},
+                &entries, nullptr) &&
+          PfctlReply::sameEntries(entries, FirewallRules::aroundEntries(allowed)))))
         return true;
     settle({QStringLiteral("the rules not in force; loading them again")});
     QString error;

@@ -74,6 +74,16 @@ bool sameRules(const QString &standardOutput, const QStringList &rules)
     return true;
 }
 
+bool sameEntries(const QString &standardOutput, QStringList entries)
+{
+    QStringList shown = standardOutput.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    for (QString &line : shown)
+        line = line.trimmed();
+    shown.sort();
+    entries.sort();
+    return shown == entries;
+}
+
 bool referenceGone(const QString &standardError)
 {
     return standardError.contains(QLatin1String("pfctl: pf not enabled")) ||

@@ -32,6 +32,10 @@ bool reachesAppleAnchors(const QString &standardOutput);
 // has one.
 bool sameRules(const QString &standardOutput, const QStringList &rules);
 
+// Whether "pfctl -a ANCHOR -t TABLE -T show" lists these entries and no
+// others, one a line, in whatever order.
+bool sameEntries(const QString &standardOutput, QStringList entries);
+
 // "pfctl -X": pf has been disabled since (by anyone's "pfctl -d", which
 // voids every token) or the token is unknown: nothing is left to give back.
 bool referenceGone(const QString &standardError);

@@ -2,6 +2,7 @@
 
 #include "backend/BackendConstants.h"
 #include "backend/plan/BypassFilter.h"
+#include "backend/plan/PrefixSet.h"
 #include "config/NetworkText.h"
 
 #include <QDebug>
@@ -45,8 +46,10 @@ ConnectionPlan ConnectionPlan::of(const ParsedVpnConfig &config,
         if (NetworkText::isIpv4Route(address))
             plan.bypass.append(address);
     }
-    const QStringList selected =
-        split.enabled ? splitRoutes(split, lookup, plan.tunnelOwn) : QStringList();
+    const QStringList selected = PrefixSet::merged(
+        split.enabled ? splitRoutes(split, lookup, plan.tunnelOwn) : QStringList());
+    if (split.enabled)
+        plan.split = {int(split.entries.size()), int(selected.size())};
     if (split.onlySelected()) {
         plan.dnsForAll = false;
         for (const QString &route : selected)
@@ -60,7 +63,7 @@ ConnectionPlan ConnectionPlan::of(const ParsedVpnConfig &config,
     // Full tunnelling uses two half routes per family, which win over the
     // default route by being more specific without replacing it. Every other
     // range goes by its own family, whatever character it begins with.
-    const QStringList allowed = PeerValues::allowedIps(config);
+    const QStringList allowed = PrefixSet::merged(PeerValues::allowedIps(config));
     const bool allIpv4 = allowed.contains(QLatin1String("0.0.0.0/0"));
     const bool allIpv6 = allowed.contains(QLatin1String("::/0"));
     if (allIpv4) {

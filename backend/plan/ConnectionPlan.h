@@ -37,6 +37,11 @@ struct ConnectionPlan
     QStringList tunnelDns;   // the tunnel's own servers, which the block lets through
     // The tunnel's own addresses and DNS servers: never routed around it.
     QList<QHostAddress> tunnelOwn;
+    struct SplitSummary
+    {
+        int entries = 0; // as the peer map lists them
+        int routes = 0;  // what they became, merged
+    } split;
 
     using Lookup = std::function<QHostInfo(const QString &)>;
     // config: the endpoint already resolved to its one address.

@@ -1,9 +1,6 @@
 #include "backend/routes/HostRoutes.h"
 
-#include "backend/BackendConstants.h"
-#include "backend/core/CommandRunner.h"
 #include "backend/core/JournalValues.h"
-#include "backend/routes/RouteReply.h"
 #include "config/NetworkText.h"
 
 #include <QCoreApplication>
@@ -19,32 +16,28 @@ QString translated(const char *text)
 
 } // namespace
 
+namespace {
+
+// Of a long list, the first refusals are logged one by one; the count says the rest.
+constexpr int RefusalsLogged = 20;
+
+} // namespace
+
 HostRoutes::HostRoutes(const MacHostEnvironment &host, Journal journal, QObject *parent)
-    : QObject(parent), host(host), journal(std::move(journal))
+    : QObject(parent), journal(std::move(journal)), socket(host), monitor(host)
 {
     connect(&monitor, &RouteMonitor::settled, this, [this] { Q_EMIT settled(monitor.takeChanges()); });
 }
 
-QString HostRoutes::defaultGatewayOf(bool ipv6, QString *interfaceName) const
+QString HostRoutes::defaultGatewayOf(bool ipv6, QString *interfaceName)
 {
-    QString output;
-    QString failure;
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("get")};
-    if (ipv6)
-        arguments << QStringLiteral("-inet6");
-    arguments << QStringLiteral("default");
-    if (!runRoute(arguments, &failure, &output))
+    const std::optional<RoutingTable> table = readTable();
+    const auto wayOut = table ? table->primaryDefault(ipv6, QString()) : std::nullopt;
+    if (!wayOut)
         return QString();
-    QString gateway;
-    for (const QString &rawLine : output.split(QLatin1Char('\n'))) {
-        const QString line = rawLine.trimmed();
-        const QString value = line.mid(line.indexOf(QLatin1Char(':')) + 1).trimmed();
-        if (line.startsWith(QLatin1String("gateway:")) && gateway.isEmpty())
-            gateway = value;
-        else if (line.startsWith(QLatin1String("interface:")) && interfaceName)
-            *interfaceName = value;
-    }
-    return gateway;
+    if (interfaceName)
+        *interfaceName = wayOut->interface;
+    return wayOut->gateway;
 }
 
 // The server must stay reachable outside the tunnel, or the tunnel would
@@ -67,8 +60,8 @@ bool HostRoutes::addServerRoute(const QString &server, QString *error)
         serverRouteGateway.clear();
         return false;
     }
-    QString failure;
-    if (runRoute(addArguments(RouteEntry::to(serverHost, serverGateway)), &failure))
+    const QString failure = add(RouteEntry::to(serverHost, serverGateway));
+    if (failure.isEmpty())
         return true;
     serverRouteGateway.clear();
     journal.save();
@@ -93,11 +86,8 @@ QStringList HostRoutes::addBypass(const QStringList &addresses)
     }
     QStringList added;
     for (const QString &address : addresses) {
-        QString failure;
-        if (!runRoute(addArguments(RouteEntry::to(address, physicalGateway)), &failure)) {
-            qWarning() << "[MacVpnBackend] control-plane route failed" << address << failure;
+        if (!add(RouteEntry::to(address, physicalGateway)).isEmpty())
             continue;
-        }
         added.append(address);
         qInfo() << "[MacVpnBackend] control-plane bypass" << address << "via" << physicalGateway;
     }
@@ -136,16 +126,30 @@ bool HostRoutes::addRoutes(const QList<ConnectionPlan::Route> &planned, const QS
         installedRoutes.resize(first);
         return false;
     }
+    refusalsLogged = 0;
     qsizetype next = first;
+    qsizetype refused = 0;
+    qsizetype others = 0;
     for (const ConnectionPlan::Route &route : std::as_const(adding)) {
-        // A route that was there before ours is not ours: "File exists".
-        QString failure;
-        if (runRoute(addArguments(installedRoutes[next]), &failure)) {
+        const QString failure = add(installedRoutes[next]);
+        if (failure.isEmpty()) {
             ++next;
+            continue;
+        }
+        // Another program's route around the tunnel for the same
+        // destination: not ours, and left to it. (One into the tunnel that
+        // someone else holds fails the connect, as ever.) Recorded a moment
+        // ago, it leaves the record with the phase's save below; should the
+        // service die before, the start-up undo deletes it only if it still
+        // goes our way.
+        if (RoutingSocket::isThereAlready(failure) && !route.intoTunnel) {
+            installedRoutes.removeAt(next);
+            ++others;
             continue;
         }
         if (!route.failure) {
             installedRoutes.removeAt(next);
+            ++refused;
             continue;
         }
         installedRoutes.resize(next);
@@ -153,6 +157,10 @@ bool HostRoutes::addRoutes(const QList<ConnectionPlan::Route> &planned, const QS
         *error = translated(route.failure).arg(failure);
         return false;
     }
+    qInfo().noquote() << "[MacVpnBackend] routes added:" << next - first << "of" << adding.size()
+                      << (others ? QStringLiteral("(%1 another program's already)").arg(others)
+                                 : QString())
+                      << (refused ? "(the others refused; none needed)" : "");
     journal.save();
     return true;
 }
@@ -185,90 +193,50 @@ QStringList HostRoutes::around() const
     return destinations;
 }
 
-QStringList HostRoutes::addArguments(const RouteEntry &route) const
+QString HostRoutes::add(const RouteEntry &route)
 {
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("add")};
-    if (route.family == QLatin1String("inet6"))
-        arguments << QStringLiteral("-inet6");
-    arguments << route.type << route.destination;
-    if (!route.via.isEmpty() && route.via == tunnelInterface)
-        arguments << QStringLiteral("-interface");
-    return arguments << route.via;
+    const QString failure = socket.add(route);
+    if (!failure.isEmpty() && ++refusalsLogged <= RefusalsLogged)
+        qWarning() << "[MacVpnBackend] route refused" << route.destination << "via" << route.via
+                   << failure;
+    return failure;
 }
 
-bool HostRoutes::runRoute(const QStringList &arguments, QString *failure, QString *answer) const
+std::optional<RoutingTable> HostRoutes::readTable()
 {
-    QString output;
-    QString error;
-    const bool exited = CommandRunner::run(host.routeTool, arguments, QByteArray(), &output, &error,
-                                           CommandTimeoutMs);
-    const bool change =
-        arguments.contains(QLatin1String("add")) || arguments.contains(QLatin1String("delete"));
-    *failure = RouteReply::failure(change, exited, output, error);
-    if (answer)
-        *answer = output;
-    if (failure->isEmpty())
-        return true;
-    if (exited)
-        qWarning() << "[MacVpnBackend] route refused" << arguments << *failure;
-    return false;
-}
-
-// Read without a word on the routing socket, unlike "route get".
-RoutingTable HostRoutes::readTable(bool ipv6) const
-{
-    QString output;
-    CommandRunner::run(host.netstatTool,
-                       {QStringLiteral("-rn"), QStringLiteral("-f"),
-                        ipv6 ? QStringLiteral("inet6") : QStringLiteral("inet")},
-                       QByteArray(), &output, nullptr, CommandTimeoutMs);
-    return RoutingTable::parse(output);
-}
-
-HostRoutes::Tables HostRoutes::readTables() const
-{
-    Tables tables;
-    QString inet;
-    QString inet6;
-    const auto read = [this](const char *family, QString *output) {
-        return CommandRunner::run(host.netstatTool,
-                                  {QStringLiteral("-rn"), QStringLiteral("-f"), QLatin1String(family)},
-                                  QByteArray(), output, nullptr, CommandTimeoutMs);
-    };
-    tables.read = read("inet", &inet) && read("inet6", &inet6);
-    tables.inet = RoutingTable::parse(inet);
-    tables.inet6 = RoutingTable::parse(inet6);
-    return tables;
+    RoutingTable table;
+    if (socket.read(&table))
+        return table;
+    qWarning() << "[MacVpnBackend] the routing table could not be read";
+    return std::nullopt;
 }
 
 // Ours while it goes where ours went: by the same gateway, or through an
 // interface our recorded tunnel program still holds. Another VPN may have
 // routes where ours were, through a utun of the number ours had.
-bool HostRoutes::routeIsOurs(const RouteEntry &route, const Tables &tables) const
+bool HostRoutes::routeIsOurs(const RouteEntry &route, const RoutingTable &table) const
 {
     if (route.throughInterface() && !journal.tunnelHolds(route.via))
         return false;
-    return (route.family == QLatin1String("inet6") ? tables.inet6 : tables.inet)
-        .contains(route.destination, route.via);
+    return table.contains(route.destination, route.via);
 }
 
 // Empty when done or no longer ours, else the error.
-QString HostRoutes::undo(const RouteEntry &route, const Tables &tables) const
+QString HostRoutes::undo(const RouteEntry &route, const std::optional<RoutingTable> &table)
 {
-    if (!tables.read)
+    if (!table)
         return translated("не удалось прочитать таблицу маршрутов");
-    if (!routeIsOurs(route, tables)) {
-        qInfo() << "[MacVpnBackend] route no longer ours, left alone" << route.destination << "via"
-                << route.via;
+    if (!routeIsOurs(route, *table)) {
+        if (++refusalsLogged <= RefusalsLogged)
+            qInfo() << "[MacVpnBackend] route no longer ours, left alone" << route.destination
+                    << "via" << route.via;
         return QString();
     }
-    QStringList arguments = {QStringLiteral("-n"), QStringLiteral("delete")};
-    if (route.family == QLatin1String("inet6"))
-        arguments << QStringLiteral("-inet6");
-    arguments << route.type << route.destination;
-    QString failure;
-    if (runRoute(arguments, &failure) || RouteReply::isNotInTable(failure))
+    const QString failure = socket.remove(route);
+    if (failure.isEmpty() || RoutingSocket::isNotInTable(failure))
         return QString();
+    if (++refusalsLogged <= RefusalsLogged)
+        qWarning() << "[MacVpnBackend] route not removed" << route.destination << failure;
     return failure;
 }
 
@@ -277,20 +245,25 @@ void HostRoutes::undo(const QList<RouteEntry> &routes)
 {
     if (routes.isEmpty())
         return;
-    const Tables tables = readTables();
+    refusalsLogged = 0;
+    const std::optional<RoutingTable> table = readTable();
+    const qsizetype before = pending.size();
     for (const RouteEntry &route : routes) {
-        if (const QString error = undo(route, tables); !error.isEmpty())
+        if (const QString error = undo(route, table); !error.isEmpty())
             pending.append({route, error});
     }
+    qInfo() << "[MacVpnBackend] routes undone:" << routes.size() - (pending.size() - before)
+            << "of" << routes.size();
 }
 
 void HostRoutes::retryPending()
 {
     if (pending.isEmpty())
         return;
-    const Tables tables = readTables();
+    refusalsLogged = 0;
+    const std::optional<RoutingTable> table = readTable();
     for (Pending &step : pending)
-        step.error = undo(step.route, tables);
+        step.error = undo(step.route, table);
     pending.removeIf([](const Pending &step) { return step.error.isEmpty(); });
 }
 

@@ -5,6 +5,7 @@
 #include "backend/plan/ConnectionPlan.h"
 #include "backend/routes/RouteEntry.h"
 #include "backend/routes/RouteMonitor.h"
+#include "backend/routes/RoutingSocket.h"
 #include "backend/routes/RoutingTable.h"
 
 #include <QJsonObject>
@@ -34,7 +35,7 @@ public:
     HostRoutes(const MacHostEnvironment &host, Journal journal, QObject *parent = nullptr);
 
     // The gateway of either family's default route, and the interface it uses.
-    QString defaultGatewayOf(bool ipv6, QString *interfaceName = nullptr) const;
+    QString defaultGatewayOf(bool ipv6, QString *interfaceName = nullptr);
 
     // False with the user's message (none when the journal told them
     // already). No gateway to go by: nothing to add. A route that was there
@@ -69,26 +70,21 @@ Q_SIGNALS:
     void settled(const RouteMonitor::Changes &changes);
 
 private:
-    struct Tables
-    {
-        RoutingTable inet;
-        RoutingTable inet6;
-        bool read = false;
-    };
-    Tables readTables() const;
-    RoutingTable readTable(bool ipv6) const;
-    bool routeIsOurs(const RouteEntry &route, const Tables &tables) const;
-    QString undo(const RouteEntry &route, const Tables &tables) const;
+    // The table as read, or none when it could not be.
+    std::optional<RoutingTable> readTable();
+    bool routeIsOurs(const RouteEntry &route, const RoutingTable &table) const;
+    QString undo(const RouteEntry &route, const std::optional<RoutingTable> &table);
     void undo(const QList<RouteEntry> &routes);
-    bool runRoute(const QStringList &arguments, QString *failure, QString *answer = nullptr) const;
-    QStringList addArguments(const RouteEntry &route) const;
+    // Each added, or refused with its reason logged (the first few of a list).
+    QString add(const RouteEntry &route);
     QList<RouteEntry> aroundTunnel(bool ipv6) const;
     void moveAround(bool ipv6, const RoutingTable::Route &wayOut);
     void restoreMissing(bool ipv6, const RoutingTable &table);
 
-    const MacHostEnvironment &host;
     const Journal journal;
+    RoutingSocket socket;
     RouteMonitor monitor;
+    int refusalsLogged = 0;
     QString tunnelInterface;
     QList<RouteEntry> installedRoutes;
     QString serverHost;

@@ -9,7 +9,7 @@
 void HostRoutes::watch(bool watching)
 {
     if (watching && !monitor.isRunning())
-        monitor.start(host.routeTool);
+        monitor.start();
     else if (!watching)
         monitor.stop();
 }
@@ -28,14 +28,13 @@ bool HostRoutes::follow(const RouteMonitor::Changes &changes)
         return false;
 
     // Each family by its own default route: an IPv6 server follows the IPv6 one.
+    const std::optional<RoutingTable> table = readTable();
     for (const bool ipv6 : {false, true}) {
-        const QList<RouteEntry> around = aroundTunnel(ipv6);
-        if (around.isEmpty())
+        if (aroundTunnel(ipv6).isEmpty() || !table)
             continue;
-        const RoutingTable table = readTable(ipv6);
         // No network, or a default route into our own tunnel: the routes stay
         // as they are until a physical gateway comes back.
-        const auto wayOut = table.primaryDefault(tunnelInterface);
+        const auto wayOut = table->primaryDefault(ipv6, tunnelInterface);
         const QString gateway = ipv6 ? serverRouteGateway : physicalGateway;
         const QString interfaceName = ipv6 ? serverRouteInterface : physicalInterface;
         if (!wayOut)
@@ -44,7 +43,7 @@ bool HostRoutes::follow(const RouteMonitor::Changes &changes)
         else if (wayOut->gateway != gateway || wayOut->interface != interfaceName)
             moveAround(ipv6, *wayOut);
         else
-            restoreMissing(ipv6, table);
+            restoreMissing(ipv6, *table);
     }
     return changes.wayOut;
 }
@@ -95,8 +94,8 @@ void HostRoutes::moveAround(bool ipv6, const RoutingTable::Route &wayOut)
     }
 
     for (const RouteEntry &route : aroundTunnel(ipv6)) {
-        QString failure;
-        if (runRoute(addArguments(route), &failure))
+        const QString failure = add(route);
+        if (failure.isEmpty())
             continue;
         // Not added, so not ours: dropped from the record.
         qWarning() << "[MacVpnBackend] route not moved" << route.destination << failure;
@@ -115,8 +114,8 @@ void HostRoutes::restoreMissing(bool ipv6, const RoutingTable &table)
     for (const RouteEntry &route : aroundTunnel(ipv6)) {
         if (table.contains(route.destination, route.via))
             continue;
-        QString failure;
-        if (runRoute(addArguments(route), &failure))
+        const QString failure = add(route);
+        if (failure.isEmpty())
             qInfo() << "[MacVpnBackend] route added again" << route.destination << "via"
                     << route.via;
         else

@@ -15,17 +15,20 @@ RouteEntry RouteEntry::to(const QString &destination, const QString &via)
             via};
 }
 
+// A gateway is an address, a link-local one with its interface: "fe80::1%en0".
 std::optional<RouteEntry> RouteEntry::checked(const QString &destination, const QString &via)
 {
-    if (NetworkText::isRange(destination) &&
-        (NetworkText::isAddress(via) || isInterfaceName(via)))
+    const QString scope = via.section(QLatin1Char('%'), 1);
+    const bool gateway = NetworkText::isAddress(via.section(QLatin1Char('%'), 0, 0)) &&
+                         (scope.isEmpty() || isInterfaceName(scope));
+    if (NetworkText::isRange(destination) && (gateway || isInterfaceName(via)))
         return to(destination, via);
     return std::nullopt;
 }
 
 bool RouteEntry::throughInterface() const
 {
-    return QHostAddress(via).isNull();
+    return QHostAddress(via.section(QLatin1Char('%'), 0, 0)).isNull();
 }
 
 bool RouteEntry::operator==(const RouteEntry &other) const

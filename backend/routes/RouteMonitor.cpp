@@ -1,37 +1,23 @@
 #include "backend/routes/RouteMonitor.h"
 
+#include "backend/routes/RouteMessage.h"
+
+#include <QCoreApplication>
 #include <QDebug>
-#include <QRegularExpression>
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
-// A line longer than this is no message line; what is kept of it is bounded.
-constexpr qsizetype MaxLineBytes = 4096;
-constexpr int StopTimeoutMs = 2000;
-
-// route prints the zero address of IPv4 as "default", of IPv6 as "::"; a
-// default route has a zero mask too, or none at all.
-bool isDefaultRoute(const QByteArray &destination, const QByteArray &mask)
-{
-    const auto zero = [](const QByteArray &text) {
-        return text == "default" || text == "0.0.0.0" || text == "::";
-    };
-    return zero(destination) && (mask.isEmpty() || zero(mask));
-}
-
-QByteArray captured(const QByteArray &line, const QRegularExpression &expression)
-{
-    return expression.match(QString::fromLatin1(line)).captured(1).toLatin1();
-}
-
-const QRegularExpression ErrorNumber(QStringLiteral("errno (-?[0-9]+)"));
-const QRegularExpression LinkIndex(QStringLiteral("if# ([0-9]+)"));
-const QRegularExpression Flags(QStringLiteral("flags:<([A-Z0-9_,]*)>"));
-const QRegularExpression AddressNames(QStringLiteral("<([A-Z,]*)>"));
+// Larger than any routing message.
+constexpr int MessageBytes = 4096;
 
 } // namespace
 
-RouteMonitor::RouteMonitor(QObject *parent) : QObject(parent)
+RouteMonitor::RouteMonitor(const MacHostEnvironment &host, QObject *parent)
+    : QObject(parent), host(host)
 {
     settle.setSingleShot(true);
     connect(&settle, &QTimer::timeout, this, [this] {
@@ -40,14 +26,7 @@ RouteMonitor::RouteMonitor(QObject *parent) : QObject(parent)
     });
     restart.setSingleShot(true);
     restart.setInterval(RestartDelayMs);
-    connect(&restart, &QTimer::timeout, this, &RouteMonitor::launch);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    connect(&process, &QProcess::readyReadStandardOutput, this, &RouteMonitor::readEvents);
-    connect(&process, &QProcess::finished, this, &RouteMonitor::exited);
-    connect(&process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
-        if (error == QProcess::FailedToStart)
-            exited();
-    });
+    connect(&restart, &QTimer::timeout, this, &RouteMonitor::open);
 }
 
 RouteMonitor::~RouteMonitor()
@@ -55,13 +34,12 @@ RouteMonitor::~RouteMonitor()
     stop();
 }
 
-void RouteMonitor::start(const QString &routeTool)
+void RouteMonitor::start()
 {
     stop();
-    program = routeTool;
     restarts = 0;
     running = true;
-    launch();
+    open();
 }
 
 void RouteMonitor::stop()
@@ -70,16 +48,9 @@ void RouteMonitor::stop()
     settle.stop();
     restart.stop();
     burst.invalidate();
-    partial.clear();
     pending = Changes();
     linkUp.clear();
-    if (process.state() == QProcess::NotRunning)
-        return;
-    process.terminate();
-    if (!process.waitForFinished(StopTimeoutMs)) {
-        process.kill();
-        process.waitForFinished(StopTimeoutMs);
-    }
+    close();
 }
 
 RouteMonitor::Changes RouteMonitor::takeChanges()
@@ -87,75 +58,82 @@ RouteMonitor::Changes RouteMonitor::takeChanges()
     return std::exchange(pending, Changes());
 }
 
-void RouteMonitor::launch()
+void RouteMonitor::open()
 {
-    qInfo() << "[MacVpnBackend] route monitor" << program;
+    close();
+    qInfo() << "[MacVpnBackend] route monitor on the routing socket";
     healthy.start();
-    type.clear();
-    process.start(program, {QStringLiteral("-n"), QStringLiteral("monitor")}, QIODevice::ReadOnly);
-    // A change made before the monitor runs (since the routes were set, or
-    // while it was down) would go unseen: one look once it does.
+    listener = host.openRouteListener();
+    lastOwnSeq.reset();
+    if (listener < 0) {
+        failed();
+        return;
+    }
+    notifier = std::make_unique<QSocketNotifier>(listener, QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &RouteMonitor::readMessages);
+    // A change made before the socket listened (since the routes were set,
+    // or while it was down) would go unseen: one look once it does.
     pending.wayOut = true;
     note();
 }
 
-void RouteMonitor::readEvents()
+void RouteMonitor::close()
 {
-    partial += process.readAllStandardOutput();
-    qsizetype end = 0;
-    while ((end = partial.indexOf('\n')) >= 0) {
-        readLine(partial.left(end));
-        partial.remove(0, end + 1);
-    }
-    if (partial.size() > MaxLineBytes)
-        partial.clear();
+    notifier.reset();
+    if (listener >= 0)
+        ::close(listener);
+    listener = -1;
 }
 
-// The lines of one message, as route's print_rtmsg() writes them:
-//   RTM_DELETE: Delete Route: len 140, pid: 0, seq 0, errno 0, flags:<UP,GATEWAY,DONE,STATIC>
-//   locks:  inits:
-//   sockaddrs: <DST,GATEWAY,NETMASK>
-//    default 192.168.1.1 default
-// and for a link: "RTM_IFINFO: iface status change: len 112, if# 6, flags:<UP,...,RUNNING,...>".
-void RouteMonitor::readLine(const QByteArray &line)
+// Only a change of the way out, or of a route that someone else deleted or
+// changed, is noted; a look-up, an address, a refused change, our own writes
+// and a link first seen are not.
+void RouteMonitor::readMessages()
 {
-    if (line.startsWith("RTM_")) {
-        type = line.left(line.indexOf(':'));
-        error = captured(line, ErrorNumber).toInt();
-        addressNames.clear();
-        if (type != "RTM_IFINFO")
+    char buffer[MessageBytes];
+    for (;;) {
+        const ssize_t got = ::recv(listener, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
             return;
-        // Seen for the first time, a link is only taken note of.
-        const int index = captured(line, LinkIndex).toInt();
-        const QByteArray flags = captured(line, Flags);
-        const bool up = flags.split(',').contains("UP") && flags.split(',').contains("RUNNING");
-        const auto seen = linkUp.constFind(index);
-        if (seen != linkUp.cend() && *seen != up) {
-            pending.wayOut = true;
-            note();
+        if (got <= 0) {
+            failed();
+            return;
         }
-        linkUp.insert(index, up);
-    } else if (line.startsWith("sockaddrs:")) {
-        addressNames = captured(line, AddressNames).split(',');
-    } else if (line.startsWith(' ') && !addressNames.isEmpty()) {
-        const QList<QByteArray> values = line.trimmed().split(' ');
-        const QByteArray destination = addressNames.indexOf("DST") >= 0
-                                           ? values.value(addressNames.indexOf("DST"))
-                                           : QByteArray();
-        const QByteArray mask = addressNames.indexOf("NETMASK") >= 0
-                                    ? values.value(addressNames.indexOf("NETMASK"))
-                                    : QByteArray();
-        addressNames.clear();
-        // A refused change changed nothing; a look-up or an address changes no route.
-        const bool change = type == "RTM_ADD" || type == "RTM_DELETE" || type == "RTM_CHANGE";
-        if (!change || error != 0 || destination.isEmpty())
-            return;
-        if (isDefaultRoute(destination, mask))
+        const auto message = RouteMessage::decode(buffer, got);
+        if (!message)
+            continue;
+        if (message->pid == QCoreApplication::applicationPid()) {
+            // Another program's change may have been dropped with ours:
+            // the table is read again.
+            if (lastOwnSeq && message->seq > *lastOwnSeq + 1) {
+                pending.wayOut = true;
+                note();
+            }
+            lastOwnSeq = message->seq;
+            continue;
+        }
+        if (message->type == RouteMessage::InterfaceInfo) {
+            const bool up = (message->flags & RouteMessage::LinkUp) &&
+                            (message->flags & RouteMessage::LinkRunning);
+            const auto seen = linkUp.constFind(message->index);
+            if (seen != linkUp.cend() && *seen != up) {
+                pending.wayOut = true;
+                note();
+            }
+            linkUp.insert(message->index, up);
+            continue;
+        }
+        const bool change = message->type == RouteMessage::Add ||
+                            message->type == RouteMessage::Delete ||
+                            message->type == RouteMessage::Change;
+        if (!change || message->error != 0 || message->destination.isNull())
+            continue;
+        if (message->isDefault())
             pending.wayOut = true;
-        else if (type != "RTM_ADD")
-            pending.touched.append(QString::fromLatin1(destination));
+        else if (message->type != RouteMessage::Add)
+            pending.touched.append(message->destination.toString());
         else
-            return;
+            continue;
         note();
     }
 }
@@ -168,20 +146,20 @@ void RouteMonitor::note()
     settle.start(int(qBound(qint64(0), MaxDelayMs - burst.elapsed(), qint64(SettleMs))));
 }
 
-void RouteMonitor::exited()
+void RouteMonitor::failed()
 {
+    close();
     if (!running)
         return;
     if (healthy.isValid() && healthy.elapsed() >= HealthyMs)
         restarts = 0;
     if (restarts >= MaxRestarts) {
-        qWarning() << "[MacVpnBackend] route monitor exited; not started again"
-                   << "exitCode=" << process.exitCode();
+        qWarning() << "[MacVpnBackend] route monitor lost its socket; not opened again";
         running = false;
         return;
     }
     ++restarts;
-    qWarning() << "[MacVpnBackend] route monitor exited; starting it again" << restarts << "of"
-               << MaxRestarts;
+    qWarning() << "[MacVpnBackend] route monitor lost its socket; opening it again" << restarts
+               << "of" << MaxRestarts;
     restart.start();
 }

@@ -1,21 +1,25 @@
 #pragma once
 
+#include "backend/MacHostEnvironment.h"
+
 #include <QElapsedTimer>
 #include <QHash>
 #include <QObject>
-#include <QProcess>
+#include <QSocketNotifier>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
 
-// Watches the routing socket with macOS's own "route -n monitor" and says
-// when a burst of messages that can change the way out has settled: the Mac
-// joined another network, got a cable plugged in, lost a link, or woke up
-// somewhere else. A Mac's routing socket also carries a steady stream of
-// messages that change nothing of the kind (every "route get" anyone runs,
-// new addresses, cloned and multicast routes, failed look-ups); those are
-// read and dropped. A monitor that dies is started again, a bounded number
-// of times in a row.
+#include <memory>
+#include <optional>
+
+// Listens on a routing socket of its own and says when a burst of messages
+// that can change the way out has settled: the Mac joined another network,
+// got a cable plugged in, lost a link, or woke up somewhere else. Every
+// routing socket hears every message: every "route get" anyone runs, new
+// addresses, cloned and multicast routes, failed look-ups, and the service's
+// own writes (by its pid); those are read and dropped. A socket that fails
+// is opened again, a bounded number of times in a row.
 class RouteMonitor : public QObject
 {
     Q_OBJECT
@@ -26,7 +30,7 @@ public:
     static constexpr int MaxDelayMs = 2000;
     static constexpr int MaxRestarts = 5;
     static constexpr int RestartDelayMs = 1000;
-    // A monitor that ran this long was healthy: its restarts start again at zero.
+    // A socket that lasted this long was healthy: its restarts start again at zero.
     static constexpr int HealthyMs = 60000;
 
     // What the messages since the last report can have changed.
@@ -34,14 +38,14 @@ public:
     {
         // A default route of either family, or a link that went up or down.
         bool wayOut = false;
-        // The destinations of routes the kernel deleted or changed.
+        // The destinations of routes someone else deleted or changed.
         QStringList touched;
     };
 
-    explicit RouteMonitor(QObject *parent = nullptr);
+    explicit RouteMonitor(const MacHostEnvironment &host, QObject *parent = nullptr);
     ~RouteMonitor() override;
 
-    void start(const QString &routeTool);
+    void start();
     void stop();
     bool isRunning() const { return running; }
     Changes takeChanges();
@@ -50,26 +54,24 @@ Q_SIGNALS:
     void settled();
 
 private:
-    void launch();
-    void readEvents();
-    void readLine(const QByteArray &line);
+    void open();
+    void close();
+    void readMessages();
     void note();
-    void exited();
+    void failed();
 
-    QProcess process;
-    QString program;
+    const MacHostEnvironment &host;
+    int listener = -1;
+    std::unique_ptr<QSocketNotifier> notifier;
     QTimer settle;
     QTimer restart;
     QElapsedTimer burst;
     QElapsedTimer healthy;
-    QByteArray partial;
     int restarts = 0;
     bool running = false;
     Changes pending;
-
-    // The message being read, and the up and running state of each link seen.
-    QByteArray type;
-    int error = 0;
-    QList<QByteArray> addressNames;
-    QHash<int, bool> linkUp;
+    QHash<int, bool> linkUp; // the up and running state of each link seen
+    // The kernel drops what does not fit a listener's buffer and says
+    // nothing; a gap in our own writes' sequence is the sign of it.
+    std::optional<int> lastOwnSeq;
 };

@@ -8,8 +8,9 @@ namespace UapiClient {
 
 namespace {
 
-// A reply is a few lines; the tunnel program does not get to fill memory.
-constexpr qsizetype MaxReplyBytes = 1024 * 1024;
+// A reply lists each allowed range (50,000 at most, some 30 bytes each); the
+// tunnel program does not get to fill memory beyond that.
+constexpr qsizetype MaxReplyBytes = 8 * 1024 * 1024;
 
 } // namespace
 

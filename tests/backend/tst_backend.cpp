@@ -5,8 +5,6 @@
 #include "backend/core/HostJournal.h"
 #include "backend/dns/DnsSettings.h"
 #include "backend/firewall/PfctlReply.h"
-#include "backend/routes/RouteReply.h"
-#include "backend/routes/RoutingTable.h"
 
 #include <QDir>
 #include <QFile>
@@ -62,20 +60,8 @@ private Q_SLOTS:
             read = PfctlReply::sameRules(out, record["rules"].toVariant().toStringList());
         else if (reader == "pfctl-gone")
             read = PfctlReply::referenceGone(err);
-        else if (reader == "route-failure")
-            read =
-                RouteReply::failure(record["command"][2] != "get", record["status"] == 0, out, err);
         else if (reader == "services")
             read = QJsonArray::fromStringList(DnsSettings::enabledServices(out));
-        else if (reader == "netstat") {
-            QJsonArray routes;
-            for (const RoutingTable::Route &route : RoutingTable::parse(out).routes)
-                routes.append(QString("%1/%2 %3 %4")
-                                  .arg(route.network.toString())
-                                  .arg(route.prefix)
-                                  .arg(route.gateway, route.interface));
-            read = routes;
-        }
         QCOMPARE(read, record["expect"]);
     }
 

@@ -11,10 +11,13 @@
 inline MacHostEnvironment emptyHost(const QTemporaryDir &dir)
 {
     MacHostEnvironment env;
-    for (QString *tool :
-         {&env.ifconfigTool, &env.routeTool, &env.netstatTool, &env.networksetupTool,
-          &env.dscacheutilTool, &env.killallTool, &env.pfctlTool})
+    for (QString *tool : {&env.ifconfigTool, &env.networksetupTool, &env.dscacheutilTool,
+                          &env.killallTool, &env.pfctlTool})
         *tool = dir.filePath(QStringLiteral("absent-tool"));
+    env.openRouteWriter = [] { return -1; };
+    env.openRouteListener = [] { return -1; };
+    env.dumpRoutes = [](QByteArray *) { return false; };
+    env.interfaces = [] { return QHash<uint, QString>(); };
     env.runtimeDir = dir.filePath(QStringLiteral("run"));
     env.hostsFile = dir.filePath(QStringLiteral("hosts"));
     env.journalDir = dir.filePath(QStringLiteral("journal"));

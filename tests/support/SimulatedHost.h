@@ -37,6 +37,8 @@ public:
     QJsonObject state() const { return QJsonDocument::fromJson(run({"state"})).object(); }
     QByteArray stateBytes() const { return QJsonDocument(state()).toJson(); }
     void writeState(const QJsonObject &host) const { run({"write"}, QJsonDocument(host).toJson()); }
+    // Every routing socket listening loses its connection to the kernel.
+    void dropRouteListeners() const { run({"drop-listeners"}); }
 
     // Every tool call so far, each with the tool's name first.
     QList<QStringList> calls() const

@@ -191,6 +191,12 @@ public:
         return (fields.value(12).toLongLong() + fields.value(13).toLongLong()) * 1000 /
                ::sysconf(_SC_CLK_TCK);
     }
+    long peakMemoryKiB() const
+    {
+        const QByteArray status = read(QString("/proc/%1/status").arg(process.processId()));
+        const qsizetype at = status.indexOf("VmHWM:");
+        return at < 0 ? -1 : status.mid(at + 6, status.indexOf('\n', at) - at - 6).trimmed().split(' ')[0].toLong();
+    }
     QString daemonLog() const { return QString::fromUtf8(read(logPath)); }
 
     QJsonObject request(const QJsonObject &message, int timeoutMs = 60000) const

@@ -29,9 +29,19 @@ standin_tools() {
   "$BIN/mactools" link
   "$BIN/mactools" reset
 }
-# The simulated host, apart from which process owns the utun, and /etc/hosts.
+# A simulated host as JSON, its routes in order, apart from which process owns
+# a utun.
+normal_host() {
+  python3 -c 'import json, sys
+host = json.load(sys.stdin)
+host["routes"].sort(key=lambda r: (r["family"], r["destination"]))
+for interface in host["interfaces"].values():
+    interface.pop("owner", None)
+print(json.dumps(host, indent=1, sort_keys=True))'
+}
+# The simulated host, routes from its kernel, and /etc/hosts.
 host_state() {
-  python3 -m json.tool --indent 1 --sort-keys "$MACSIM_STATE_DIR/host.json" | grep -v '"owner"'
+  "$BIN/mactools" state | normal_host
   cat /etc/hosts
 }
 answers() {

@@ -127,7 +127,7 @@ private Q_SLOTS:
         const QList<QStringList> calls = host->calls().mid(first);
         for (const char *half : {"-net 0.0.0.0/1", "-net 128.0.0.0/1", "-inet6 -net ::/1"})
             QVERIFY2(
-                calls.contains(QStringList{"route", "-n", "delete"} + QString(half).split(' ')),
+                calls.contains(QStringList{"rtsock", "delete"} + QString(half).split(' ')),
                 half);
     }
 
@@ -152,12 +152,12 @@ private Q_SLOTS:
         QFETCH(QString, then);
         start();
         QStringList failing = {"fail:networksetup -setdnsservers Wi-Fi",
-                               "fail:route -n delete -host 203.0.113.5"};
+                               "fail:rtsock delete -host 203.0.113.5"};
         QString left = "Не удалось вернуть прежние настройки системы: DNS службы «Wi-Fi», "
                        "маршрут 203.0.113.5. Служба повторит попытку сама";
         QJsonObject expected = QJsonDocument::fromJson(before).object();
         if (then == "another VPN's routes") {
-            failing = {"fail:route -n delete -net 0.0.0.0/1"};
+            failing = {"fail:rtsock delete -net 0.0.0.0/1"};
             left = "Не удалось вернуть прежние настройки системы: маршрут 0.0.0.0/1. Служба "
                    "повторит попытку сама";
         }
@@ -170,7 +170,7 @@ private Q_SLOTS:
         QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));
         const QJsonArray pending = host->details()["pendingUndo"].toArray();
         QCOMPARE(pending.size(), failing.size());
-        QCOMPARE(pending.last()["error"], "route: writing to routing socket: simulated failure");
+        QCOMPARE(pending.last()["error"], "route: writing to routing socket: routing table overflow");
         host->setDefaultGateway("192.168.1.1");
         if (then == "fails twice") { // retried at the next clean-up, and kept again
             QCOMPARE(host->request(DisconnectRequest), reply(false, "error", left));

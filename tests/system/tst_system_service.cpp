@@ -78,8 +78,8 @@ private Q_SLOTS:
         row("command not text", R"({"command":7})" "\n", refused("unknown command"));
         row("an array", R"(["status"])" "\n", refused(QJsonParseError().errorString()));
         row("not JSON", "not json\n", refused(QJsonParseError{0, QJsonParseError::IllegalValue}.errorString()));
-        row("past the limit", QByteArray(1024 * 1024 + 1, 'x'), refused("request too large"));
-        row("at the limit", QByteArray(1024 * 1024 - 21, ' ') + line + "\n", status);
+        row("past the limit", QByteArray(16 * 1024 * 1024 + 1, 'x'), refused("request too large"));
+        row("at the limit", QByteArray(16 * 1024 * 1024 - 21, ' ') + line + "\n", status);
         // clang-format on
     }
 
@@ -170,7 +170,7 @@ private Q_SLOTS:
         QCOMPARE(host.request(connectRequest())["status"], "connected");
         ::kill(pid_t(host.daemon().processId()), SIGKILL);
         QVERIFY(host.daemon().waitForFinished(5000));
-        host.setFaults({"hang:netstat -rn -f inet"});
+        host.setFaults({"hang:networksetup"});
         const qsizetype ready = host.daemonLog().count("[MacVpnServiceServer] ready");
         QVERIFY(host.startDaemon(QString(), false));
         QCOMPARE(host.request(StatusRequest), reply(true, "disconnected"));

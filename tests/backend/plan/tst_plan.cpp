@@ -4,6 +4,7 @@
 
 #include "backend/plan/BypassFilter.h"
 #include "backend/plan/ConnectionPlan.h"
+#include "backend/plan/PrefixSet.h"
 
 #include <QHostInfo>
 #include <QJsonArray>
@@ -34,9 +35,43 @@ private Q_SLOTS:
             << QJsonObject() << 2
             << QStringList{"192.0.2.0/24", "2001:db8::/32", "public.example", "private.example"}
             << halves + halves6 + QStringList{"192.0.2.0/24 around", "198.51.100.7 around"} << true;
-        QTest::newRow("only selected: no DNS for all")
+        QTest::newRow("only selected: no DNS for all, a name inside a range")
             << QJsonObject() << 1 << QStringList{"10.0.0.0/8", "private.example", "gone.example"}
-            << QStringList{"10.0.0.0/8 tunnel", "10.1.2.3 tunnel"} << false;
+            << QStringList{"10.0.0.0/8 tunnel"} << false;
+        QTest::newRow("allowed ranges merged")
+            << QJsonObject{{"allowed_ips", QJsonArray{"10.0.0.0/9", "10.128.0.0/9", "10.1.0.0/16"}}}
+            << 0 << QStringList() << QStringList{"10.0.0.0/8 tunnel"} << true;
+    }
+
+    // As few routes as cover the same addresses, in the order first asked
+    // for; what is not an address passes untouched.
+    void mergesPrefixes_data()
+    {
+        QTest::addColumn<QStringList>("given");
+        QTest::addColumn<QStringList>("merged");
+        QTest::newRow("halves, quarters, a host inside")
+            << QStringList{"192.0.2.128/25", "198.51.100.1", "192.0.2.0/26", "192.0.2.64/26",
+                           "192.0.2.7"}
+            << QStringList{"192.0.2.0/24", "198.51.100.1"};
+        QTest::newRow("neighbours that are not halves stay apart")
+            << QStringList{"192.0.2.64/26", "192.0.2.128/26"}
+            << QStringList{"192.0.2.64/26", "192.0.2.128/26"};
+        QTest::newRow("host addresses, a network by its first address")
+            << QStringList{"203.0.113.4/31", "203.0.113.5", "10.1.2.3/8", "10.9.0.0/16"}
+            << QStringList{"203.0.113.4/31", "10.0.0.0/8"};
+        QTest::newRow("families apart, IPv6 halves join")
+            << QStringList{"2001:db8::/33", "0.0.0.0/1", "2001:db8:8000::/33", "fe80::/64"}
+            << QStringList{"2001:db8::/32", "0.0.0.0/1", "fe80::/64"};
+        QTest::newRow("the whole space, and whatever else")
+            << QStringList{"10.0.0.0/8", "0.0.0.0/0", "name.example", "128.0.0.0/1"}
+            << QStringList{"0.0.0.0/0", "name.example"};
+    }
+
+    void mergesPrefixes()
+    {
+        QFETCH(QStringList, given);
+        QFETCH(QStringList, merged);
+        QCOMPARE(PrefixSet::merged(given), merged);
     }
 
     void plansTheHost()
