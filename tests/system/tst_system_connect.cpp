@@ -526,9 +526,16 @@ private Q_SLOTS:
 
         QElapsedTimer moving;
         moving.start();
+        const auto dumps = [&host] { return host.commandLines().count("sysctl NET_RT_DUMP2"); };
+        const qsizetype read = dumps();
         host.writeState(network(host.state(), "inet default -net 10.0.0.1 en5", false));
         QTRY_VERIFY_WITH_TIMEOUT(ours(host.state(), "10.0.0.1", "en5"), 30000);
         std::printf("gateway change: routes moved after %lld ms\n", qlonglong(moving.elapsed()));
+        // Two looks at the table for the change (the way out, then what is
+        // still ours before it moves); our own moves that follow are not
+        // another program's change, and wake nothing.
+        QTest::qWait(2 * RouteMonitor::MaxDelayMs);
+        QCOMPARE(dumps(), read + 2);
         QTRY_COMPARE_WITH_TIMEOUT(dnsOf(host.state(), "USB LAN"), Vpn, 5000);
         QVERIFY(host.daemonLog().contains(
             "[MacVpnBackend] default gateway changed \"192.168.1.1\" -> \"10.0.0.1\" on \"en5\""));
