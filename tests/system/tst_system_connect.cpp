@@ -552,6 +552,36 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), QJsonDocument(elsewhere).toJson());
     }
 
+    // Under the block, the exclusions are a table of our anchor, merged, and
+    // checked by its entries: the same rules loaded by another program with
+    // other entries are loaded again as ours.
+    void killSwitchTableOfExclusions()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        QJsonObject request = killSwitchRequest();
+        QJsonObject peer = request["peer"].toObject();
+        peer.insert("splitTunnel", QJsonObject{{"enabled", true},
+                                               {"mode", 2},
+                                               {"entries", QJsonArray{QJsonObject{{"value", "192.0.2.0/25"}},
+                                                                      QJsonObject{{"value", "192.0.2.128/25"}}}}});
+        request.insert("peer", peer);
+        QCOMPARE(host.request(request)["status"], "connected");
+        const QStringList show = {"-a", Anchor, "-t", "tarvex_around", "-T", "show"};
+        QCOMPARE(host.pfctl(show).trimmed(), "192.0.2.0/24");
+        QVERIFY(host.pfInForce().contains(
+            "pass out quick from any to <tarvex_around> flags S/SA keep state"));
+        host.pfctl({"-o", "none", "-a", Anchor, "-f", "-"},
+                   "table <tarvex_around> const { 203.0.113.99 }\n" +
+                       host.pfctl({"-a", Anchor, "-s", "rules"}));
+        QCOMPARE(host.pfctl(show).trimmed(), "203.0.113.99");
+        QTRY_COMPARE_WITH_TIMEOUT(host.pfctl(show).trimmed(), "192.0.2.0/24", 60000);
+        QVERIFY(host.daemonLog().contains("kill switch not verified: the rules not"));
+        QTRY_COMPARE_WITH_TIMEOUT(host.details()["killSwitch"], "on", 60000);
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+    }
+
     // A country's ranges: 11,000 exclusions that cannot be merged, one of
     // them routed already by someone else, which the kernel refuses to add
     // again (EEXIST): not ours, neither recorded nor deleted. The table ends
