@@ -36,10 +36,11 @@ RequestBuffers::Outcome RequestBuffers::read(QLocalSocket *socket, QByteArray *l
     // Left unread, the rest makes Qt stop reading ahead for this client.
     if (taken < available && !heldBack.contains(socket))
         heldBack.append(socket);
+    const qsizetype searched = buffer.size(); // a long line is not searched again and again
     buffer += socket->read(taken);
     sharedInUse += beyondFree(buffer.size()) - before;
 
-    const qsizetype lineEnd = buffer.indexOf('\n');
+    const qsizetype lineEnd = buffer.indexOf('\n', searched);
     if (lineEnd >= 0) {
         *line = buffer.left(lineEnd);
         release(socket);
