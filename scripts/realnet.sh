@@ -114,7 +114,9 @@ realnet_endpoint_moved() {
 # resolver (realnet-probe serve) makes way meanwhile.
 realnet_server_port() {
   pkill -f "realnet-probe serve" || true
-  in_server wg set wg-srv listen-port "$1"
+  # Its socket may outlive the signal by a moment: the port is free once it has gone.
+  for _ in $(seq 100); do pgrep -f "realnet-probe serve" > /dev/null || break; sleep 0.05; done
+  for _ in $(seq 20); do in_server wg set wg-srv listen-port "$1" 2> /dev/null && break; sleep 0.1; done
   [ "$1" = 53 ] || { in_server python3 "$ROOT/scripts/realnet-probe" serve "$LAN_HOST" "$CONTROL_PLANE" & }
 }
 
