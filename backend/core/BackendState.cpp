@@ -85,6 +85,8 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
         return false;
     details->insert(QStringLiteral("interface"), tunnel.interfaceName());
     details->insert(QStringLiteral("endpoint"), plan.endpoint);
+    if (const QStringList foreign = routes.foreign(); !foreign.isEmpty())
+        details->insert(QStringLiteral("aroundTunnelByNetwork"), foreign);
     if (plan.split.entries > 0)
         details->insert(QStringLiteral("splitTunnel"),
                         QVariantMap{{QStringLiteral("entries"), plan.split.entries},

@@ -175,6 +175,7 @@ void HostRoutes::removeAll()
         removing.append(RouteEntry::to(serverHost, serverRouteGateway));
     undo(removing);
     installedRoutes.clear();
+    foreignRoutes.clear();
     controlPlaneBypassHosts.clear();
     serverRouteGateway.clear();
     serverRouteInterface.clear();

@@ -53,6 +53,8 @@ public:
     // What goes around the tunnel by design, for the block to let through.
     QStringList around() const;
     QStringList bypassHosts() const { return controlPlaneBypassHosts; }
+    // Routes the network put around the tunnel while connected (see ForeignRoutes).
+    QStringList foreign() const { return foreignRoutes; }
     QString gateway() const { return physicalGateway; }
 
     // Following the network (HostRoutesFollow.cpp): watched while wanted.
@@ -80,6 +82,7 @@ private:
     QList<RouteEntry> aroundTunnel(bool ipv6) const;
     void moveAround(bool ipv6, const RoutingTable::Route &wayOut);
     void restoreMissing(bool ipv6, const RoutingTable &table);
+    void noticeForeign(const RoutingTable &table);
 
     const Journal journal;
     RoutingSocket socket;
@@ -91,6 +94,7 @@ private:
     QString serverRouteGateway; // empty unless the server route is ours
     QString serverRouteInterface;
     QStringList controlPlaneBypassHosts;
+    QStringList foreignRoutes;
     QString physicalGateway;
     QString physicalInterface;
     struct Pending

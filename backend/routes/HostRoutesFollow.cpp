@@ -1,6 +1,7 @@
 // Keeping the routes around the tunnel right when the Mac changes network.
 #include "backend/routes/HostRoutes.h"
 
+#include "backend/routes/ForeignRoutes.h"
 #include "config/NetworkText.h"
 
 #include <QDebug>
@@ -24,11 +25,13 @@ bool HostRoutes::follow(const RouteMonitor::Changes &changes)
                 touched = touched || ours.isEqual(QHostAddress(destination));
         }
     }
-    if (!changes.wayOut && !touched)
+    if (!changes.wayOut && !touched && !changes.added)
         return false;
 
     // Each family by its own default route: an IPv6 server follows the IPv6 one.
     const std::optional<RoutingTable> table = readTable();
+    if (table)
+        noticeForeign(*table);
     for (const bool ipv6 : {false, true}) {
         if (aroundTunnel(ipv6).isEmpty() || !table)
             continue;
@@ -46,6 +49,28 @@ bool HostRoutes::follow(const RouteMonitor::Changes &changes)
             restoreMissing(ipv6, *table);
     }
     return changes.wayOut;
+}
+
+// What the network routes around a full tunnel is said once, and listed for
+// details while it lasts.
+void HostRoutes::noticeForeign(const RoutingTable &table)
+{
+    QStringList ours;
+    for (const bool ipv6 : {false, true}) {
+        for (const RouteEntry &route : aroundTunnel(ipv6))
+            ours.append(route.destination);
+    }
+    const auto full = [this](const char *half) {
+        return installedRoutes.contains(RouteEntry::to(QLatin1String(half), tunnelInterface));
+    };
+    const QStringList found =
+        ForeignRoutes::in(table, tunnelInterface, full("0.0.0.0/1"), full("::/1"), ours);
+    for (const QString &route : found) {
+        if (!foreignRoutes.contains(route))
+            qWarning().noquote() << "[MacVpnBackend] the network routes" << route
+                                 << "around the tunnel";
+    }
+    foreignRoutes = found;
 }
 
 // The routes that leave by a gateway rather than the tunnel: the server

@@ -132,6 +132,8 @@ void RouteMonitor::readMessages()
             pending.wayOut = true;
         else if (message->type != RouteMessage::Add)
             pending.touched.append(message->destination.toString());
+        else if (!(message->flags & RouteMessage::WasCloned))
+            pending.added = true;
         else
             continue;
         note();

@@ -40,6 +40,8 @@ public:
         bool wayOut = false;
         // The destinations of routes someone else deleted or changed.
         QStringList touched;
+        // A route someone else added (the kernel's own clones aside).
+        bool added = false;
     };
 
     explicit RouteMonitor(const MacHostEnvironment &host, QObject *parent = nullptr);

@@ -552,6 +552,37 @@ private Q_SLOTS:
         QCOMPARE(host.stateBytes(), QJsonDocument(elsewhere).toJson());
     }
 
+    // A network that routes a public range around the full tunnel, by a
+    // route of its gateway (DHCP's option 121) or as a "local" subnet, is
+    // named in the log and in details; its private ranges and our own
+    // routes around the tunnel are not.
+    void namesWhatTheNetworkRoutesAround()
+    {
+        REQUIRE_SANDBOX();
+        SystemHost host;
+        QVERIFY(host.startWithTunnel());
+        QCOMPARE(host.request(connectRequest(clientConfig(), 2, {"192.0.2.0/24"}))["status"],
+                 "connected");
+        QTest::qWait(2 * RouteMonitor::MaxDelayMs); // the monitor's first look
+        QVERIFY(!host.details().contains("aroundTunnelByNetwork"));
+        QJsonObject state = host.state();
+        QJsonArray routes = state["routes"].toArray();
+        for (const char *added : {"inet 198.18.0.80 -host 192.168.1.1 en0",
+                                  "inet 198.18.1.0/24 -net link#6 en0",
+                                  "inet 10.20.0.0/16 -net 192.168.1.1 en0"})
+            routes.append(route(added));
+        state.insert("routes", routes);
+        host.writeState(state);
+        const QStringList named = {"198.18.0.80 via 192.168.1.1 (en0)",
+                                   "198.18.1.0/24 via en0 (en0)"};
+        QTRY_COMPARE_WITH_TIMEOUT(host.details()["aroundTunnelByNetwork"].toVariant().toStringList(),
+                                  named, 10000);
+        QVERIFY(host.daemonLog().contains(
+            "the network routes 198.18.0.80 via 192.168.1.1 (en0) around the tunnel"));
+        QCOMPARE(host.request(DisconnectRequest), reply(true, "disconnected"));
+        QVERIFY(!host.details().contains("aroundTunnelByNetwork"));
+    }
+
     // Under the block, the exclusions are a table of our anchor, merged, and
     // checked by its entries: the same rules loaded by another program with
     // other entries are loaded again as ours.
