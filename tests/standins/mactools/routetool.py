@@ -2,9 +2,10 @@
 # netstat.tproj), for mactools: clients of the stand-in kernel (rtkernel.py),
 # as the real ones are of the real one. route writes one message on the
 # routing socket and prints the answer; a refusal is printed, and route still
-# exits 0; argument errors exit 64 (EX_USAGE) or 68 (EX_NOHOST). "route -n
-# monitor" prints every message the kernel sends, as print_rtmsg() does.
-import errno, ipaddress, os, socket, struct, sys, time
+# exits 0; argument errors exit 64 (EX_USAGE) or 68 (EX_NOHOST). Not served:
+# "route -n monitor", which nothing here runs (the service listens on a
+# routing socket of its own).
+import errno, ipaddress, os, socket, struct
 
 import rtkernel as k
 
@@ -112,64 +113,6 @@ def route(words):
     return said(c)
 
 
-# --- route -n monitor -------------------------------------------------------
-NAMES = {k.ADD: ("RTM_ADD", "Add Route"), k.DELETE: ("RTM_DELETE", "Delete Route"),
-         k.CHANGE: ("RTM_CHANGE", "Change Metrics or flags"), k.GET: ("RTM_GET", "Report Metrics"),
-         7: ("RTM_MISS", "Lookup failed on this address"), k.NEWADDR: ("RTM_NEWADDR", "address being added to iface"),
-         k.IFINFO: ("RTM_IFINFO", "iface status change")}
-ROUTE_FLAGS = ("UP", "GATEWAY", "HOST", "REJECT", "DYNAMIC", "MODIFIED", "DONE", "DELCLONE", "CLONING", "XRESOLVE",
-               "LLINFO", "STATIC", "BLACKHOLE", "b016", "PROTO2", "PROTO1", "PRCLONING", "WASCLONED", "PROTO3")
-ADDRESS_NAMES = ("DST", "GATEWAY", "NETMASK", "GENMASK", "IFP", "IFA", "AUTHOR", "BRD")
-
-
-def bits(value, names):
-    return ",".join(name for bit, name in enumerate(names) if value & 1 << bit)
-
-
-def shown(data, which):  # routename(), netname(): numeric
-    family = data[1] if len(data) > 1 else 0
-    if which == k.MASK:
-        raw = data[4 if len(data) <= 16 else 8:].ljust(4 if len(data) <= 16 else 16, b"\0")
-        return str(ipaddress.ip_address(raw[:4] if len(data) <= 16 else raw[:16])).replace("0.0.0.0", "default")
-    if family == k.AF_LINK:
-        return f"link#{struct.unpack_from('<H', data, 2)[0]}"
-    if family == k.AF_INET6:
-        return str(ipaddress.ip_address(data[8:24]))
-    text = str(ipaddress.ip_address(data[4:8]))
-    return "default" if text == "0.0.0.0" else text
-
-
-def printed(data):  # print_rtmsg()
-    length, _, kind, index, flags, addrs, pid, seq, error, _, _ = k.HEADER.unpack_from(data)
-    name, meaning = NAMES.get(kind, (f"#{kind}", "unknown"))
-    head = f"\ngot message of size {length} on {time.strftime('%a %b %d %H:%M:%S %Y')}\n{name}: {meaning}: len {length}, "
-    if kind == k.IFINFO:
-        return head + f"if# {index}, flags:<{bits(flags, ('UP', 'BROADCAST', 'DEBUG', 'LOOPBACK', 'POINTOPOINT', 'SMART', 'RUNNING'))}>\n"
-    values, offset = [], k.HEADER.size
-    for bit in range(8):
-        if addrs & 1 << bit and offset < length:
-            size = data[offset] or 4
-            values.append(shown(data[offset:offset + size], 1 << bit))
-            offset += k.roundup(data[offset])
-    head += f"pid: {pid}, seq {seq}, errno {error}, flags:<{bits(flags, ROUTE_FLAGS)}>\nlocks:  inits: \n"
-    return head + f"sockaddrs: <{bits(addrs, ADDRESS_NAMES)}>\n {' '.join(values)}\n"
-
-
-def monitor():  # until the caller goes away
-    parent = os.getppid()
-    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
-        listener.connect(os.path.join(os.environ.get("MACSIM_KERNEL_DIR", k.SERVICE), "listen.sock"))
-        listener.settimeout(0.2)
-        while os.getppid() == parent:
-            try:
-                data = listener.recv(65536)
-            except socket.timeout:
-                continue
-            if not data:
-                return
-            if len(data) >= k.HEADER.size:
-                os.write(1, printed(data).encode())
-
 
 # --- netstat -rn -f inet|inet6: networks by their classful abbreviation
 # ("0/1", "128.0/1", "10", "192.168.1") ------------------------------------
@@ -208,9 +151,6 @@ def main(tool, args):
     try:
         if tool == "netstat":
             return netstat(args), "", 0
-        if [w for w in args if w != "-n"] == ["monitor"]:
-            monitor()
-            return "", "", 0
         return route(args), "", 0
     except Failure as failure:
         return failure.out, failure.err, failure.code
