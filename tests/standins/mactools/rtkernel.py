@@ -484,7 +484,7 @@ class Kernel:
             same = old is not None and (old["gateway"], old["interface"]) == (route["gateway"], route["interface"])
             if deleted and old:
                 del self.table[key(route)]
-            elif not deleted and not same:  # new, or replaced: a Mac deletes the old one first
+            elif not deleted and not same:  # new, or replaced (ip monitor shows no delete): announced as both
                 if old:
                     self.broadcast(route_message(DELETE, old, flags=UP | DONE | STATIC))
                 self.table[key(route)] = route
