@@ -6,19 +6,21 @@ if [ "$(id -u)" -ne 0 ] || [ ! -e /.tarvex-sandbox ]; then
 fi
 trap 'exit 130' INT TERM
 passed=0 failed=0
-check() { # check NAME COMMAND...
-  local name=$1
+check() { # check NAME COMMAND...; a failure shows what the command said
+  local name=$1 said=/tmp/check-said.$$
   shift
-  if "$@" > /dev/null 2>&1; then
+  if "$@" > "$said" 2>&1; then
     echo "PASS   : $name"
     passed=$((passed + 1))
   else
     echo "FAIL!  : $name"
+    tail -n 5 "$said" | sed 's/^/         /'
     failed=$((failed + 1))
     return 1
   fi
 }
 finish() {
+  rm -f "/tmp/check-said.$$"
   echo "$passed passed, $failed failed"
   [ "$failed" -eq 0 ]
 }

@@ -203,8 +203,8 @@ def load_rules(text, anchor="", optimise=True):
             entries = m[3].replace(",", " ").split()
             if len(entries) <= CHECKED_ENTRIES:
                 return m[0]
-            long_tables[m[1]] = entries
-            return f"{m[2]}{{ {' '.join(entries[:CHECKED_ENTRIES])} }}"
+            long_tables[m[2]] = entries
+            return f"{m[1]}{{ {' '.join(entries[:CHECKED_ENTRIES])} }}"
         checked = re.sub(r"^(table <([^>]+)>[^{\n]*)\{([^}\n]*)\}", lambda m: sample(m), text, flags=re.M)
         done = subprocess.run([CHECK] + ([] if optimise else ["-o", "none"]) + ["-a", anchor, "-nvf", "-"],
                               input=checked, capture_output=True, text=True)
