@@ -54,6 +54,7 @@ const char *const ParseHelp =
 
 const char *const ConnectHelp =
     "Usage: tarvexctl connect STRING|@FILE|- [--kill-switch [--allow-lan]]\n"
+    "                         [--no-leak-protection] [--apple-in-tunnel|--apple-around-tunnel]\n"
     "                         [--only DEST... | --exclude DEST...]\n"
     "                         [--only-file FILE | --exclude-file FILE]\n"
     "\n"
@@ -63,6 +64,14 @@ const char *const ConnectHelp =
     "  --kill-switch       let nothing out or in outside the tunnel until you\n"
     "                      disconnect, also if the tunnel fails (pf)\n"
     "  --allow-lan         with --kill-switch, still reach the local networks\n"
+    "  --no-leak-protection\n"
+    "                      while connected, let the network route what it will around\n"
+    "                      the tunnel (by default only the local networks' private\n"
+    "                      ranges and Apple's own networks pass outside it)\n"
+    "  --apple-in-tunnel   Apple's networks only through the tunnel too (some macOS\n"
+    "                      releases then lose Messages, push and iCloud while connected)\n"
+    "  --apple-around-tunnel\n"
+    "                      Apple's networks outside the tunnel, also with --kill-switch\n"
     "\n"
     "Split tunnelling (DEST is an address, a range such as 10.0.0.0/8, or a host name):\n"
     "  --only DEST...      send only these destinations through the tunnel\n"
@@ -194,13 +203,22 @@ QString duration(qint64 seconds)
 
 void printDetails(const QJsonObject &details)
 {
-    if (details.contains(QLatin1String("killSwitch")))
-        out() << "kill switch: " << details.value(QLatin1String("killSwitch")).toString()
+    for (const char *key : {"killSwitch", "leakProtection"}) {
+        if (!details.contains(QLatin1String(key)))
+            continue;
+        out() << (key[0] == 'k' ? "kill switch: " : "leak protection: ")
+              << details.value(QLatin1String(key)).toString()
               << (details.contains(QLatin1String("blockProblem"))
                       ? QStringLiteral(" (%1)").arg(
                             details.value(QLatin1String("blockProblem")).toString())
                       : QString())
+              << (details.value(QLatin1String("appleAroundTunnel")).toBool()
+                      ? ", Apple's networks outside the tunnel"
+                      : "")
               << '\n';
+    }
+    for (const QJsonValue &route : details.value(QLatin1String("aroundTunnelByNetwork")).toArray())
+        out() << "the network routes " << route.toString() << '\n';
     for (const QJsonValue &left : details.value(QLatin1String("journalLeft")).toArray())
         out() << "journal of a later release: " << left.toString() << '\n';
     for (const QJsonValue &step : details.value(QLatin1String("pendingUndo")).toArray())
@@ -334,9 +352,16 @@ int runConnect(const QStringList &args, bool json)
     QJsonArray entries;
     bool killSwitch = false;
     bool allowLan = false;
+    QJsonObject peer;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString &arg = args[i];
-        if (arg == QLatin1String("--kill-switch")) {
+        if (arg == QLatin1String("--no-leak-protection")) {
+            peer.insert(QStringLiteral("leakProtection"), false);
+        } else if (arg == QLatin1String("--apple-in-tunnel") ||
+                   arg == QLatin1String("--apple-around-tunnel")) {
+            peer.insert(QStringLiteral("appleAroundTunnel"),
+                        arg.endsWith(QLatin1String("around-tunnel")));
+        } else if (arg == QLatin1String("--kill-switch")) {
             killSwitch = true;
         } else if (arg == QLatin1String("--allow-lan")) {
             allowLan = true;
@@ -380,7 +405,7 @@ int runConnect(const QStringList &args, bool json)
     if (!readAndParse(source, &text, &result))
         return Refused;
 
-    QJsonObject peer{{QStringLiteral("config"), text.trimmed()}};
+    peer.insert(QStringLiteral("config"), text.trimmed());
     if (killSwitch)
         peer.insert(
             QStringLiteral("killSwitch"),

@@ -180,6 +180,17 @@ QString killSwitchProblem(const QVariantMap &peer)
     return valid ? QString() : invalid(QStringLiteral("killSwitch"));
 }
 
+// Absent means the default; present, true or false.
+QString switchProblem(const QVariantMap &peer)
+{
+    for (const char *key : {"leakProtection", "appleAroundTunnel"}) {
+        const QVariant setting = peer.value(QLatin1String(key));
+        if (setting.isValid() && setting.typeId() != QMetaType::Bool)
+            return invalid(QLatin1String(key));
+    }
+    return QString();
+}
+
 QString splitTunnelProblem(const QVariantMap &peer)
 {
     const QVariantMap settings = peer.value(QStringLiteral("splitTunnel")).toMap();
@@ -215,6 +226,8 @@ QString problem(const ParsedVpnConfig &config, const QVariantMap &peer)
     }
     if (found.isEmpty())
         found = killSwitchProblem(peer);
+    if (found.isEmpty())
+        found = switchProblem(peer);
     if (found.isEmpty())
         found = splitTunnelProblem(peer);
     const QVariantMap split = peer.value(QStringLiteral("splitTunnel")).toMap();

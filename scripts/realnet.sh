@@ -8,6 +8,7 @@
 #   default via 192.168.77.1             lo: 198.18.0.1, fd77::1 (WireGuard endpoint)
 #   default via fd78::1                      198.18.0.53 (tarvex.com)
 #                                            198.18.0.80 (a site beyond the gateway)
+#                                            198.18.1.80, 2001:db8:80::80 (two more)
 #   utunN 10.77.0.2 (by the daemon)      wg-srv 10.77.0.1/24 (kernel or wireguard-go)
 #
 # realnet_second_uplink then plays the Mac joining another network: the
@@ -24,6 +25,8 @@ ENDPOINT=198.18.0.1
 ENDPOINT6=fd77::1
 CONTROL_PLANE=198.18.0.53
 SITE=198.18.0.80
+SITE_PUBLIC_LAN=198.18.1.80 # in the range a hostile LAN claims as its own
+SITE6=2001:db8:80::80       # a global IPv6 address
 LAN_HOST=192.168.77.1 # the gateway, and the LAN's DNS resolver
 export MACSIM_STATE_DIR=/var/lib/tarvex-sim
 
@@ -45,6 +48,8 @@ realnet_network() {
   in_server ip addr add "$ENDPOINT6/128" dev lo
   in_server ip addr add "$CONTROL_PLANE/32" dev lo
   in_server ip addr add "$SITE/32" dev lo
+  in_server ip addr add "$SITE_PUBLIC_LAN/32" dev lo
+  in_server ip addr add "$SITE6/128" dev lo
   in_server python3 "$ROOT/scripts/realnet-probe" serve "$LAN_HOST" "$CONTROL_PLANE" &
 }
 
@@ -172,15 +177,15 @@ print("vpn://" + base64.urlsafe_b64encode(packed).decode().rstrip("="))'
 }
 
 # The connection string for the server; its endpoint may be given (the IPv6
-# one), and its port.
+# one, or a name), its port, and its allowed ranges.
 realnet_connection_string() {
-  local endpoint=${1:-$ENDPOINT} port=${2:-51820}
+  local endpoint=${1:-$ENDPOINT} port=${2:-51820} allowed=${3:-'"0.0.0.0/0","::/0"'}
   cat <<JSON | vpn_string
 {"containers":[{"container":"office-wireguard","wireguard":{"last_config":{
    "client_ip":"10.77.0.2/32","client_priv_key":"$(cat /tmp/client.key)",
    "server_pub_key":"$(cat /tmp/server.pub)","psk_key":"$(cat /tmp/psk)",
    "hostName":"$endpoint","port":$port,"mtu":"1420","persistent_keep_alive":"25",
-   "allowed_ips":["0.0.0.0/0","::/0"]},"port":"$port","transport_proto":"udp"}}],
+   "allowed_ips":[$allowed]},"port":"$port","transport_proto":"udp"}}],
  "defaultContainer":"office-wireguard","description":"Tarvex demo server",
  "dns1":"$SERVER_TUNNEL_IP","dns2":"","hostName":"$endpoint"}
 JSON
@@ -212,4 +217,79 @@ realnet_snapshot() {
 
 realnet_handshake() {
   in_server wg show wg-srv latest-handshakes | awk '{print $2}'
+}
+
+# What a hostile network can take around the tunnel, each attack made the way
+# it is made, with the uplink captured: one line per attack, "N answered" or
+# "N silent", N the packets for its target that left outside the tunnel. The
+# connection is IPv4-only; OPTIONS are tarvexctl connect's.
+#   IPv6         a global IPv6 address, beside the IPv4 tunnel (RFC 7359)
+#   LocalNet     the LAN claims a public /24 holding a site (TunnelCrack)
+#   TunnelVision a route for the site through the gateway, as DHCP's option
+#                121 installs it, after connecting (CVE-2024-3661)
+#   LAN resolver a query straight to the LAN's DNS resolver
+#   ServerIP     the server's name answered with the site's address, which the
+#                gateway also serves the tunnel on (TunnelCrack)
+realnet_hostile() {
+  local string cell
+  string=$(realnet_connection_string "$ENDPOINT" 51820 '"0.0.0.0/0"')
+  "$BIN/tarvexctl" connect "$string" "$@" > /dev/null || return 1
+  ip addr add 198.18.1.2/24 dev veth-c # LocalNet: a public range "on the link"
+  in_server ip route add 198.18.1.0/24 dev veth-s
+  ip route add "$SITE/32" via 192.168.77.1 # TunnelVision
+  hostile_cell "ip6 and dst host $SITE6" ping -6 -c 2 -i 0.2 -W 1 "$SITE6"
+  echo "IPv6 $cell"
+  hostile_cell "dst host $SITE_PUBLIC_LAN" ping -c 2 -i 0.2 -W 1 "$SITE_PUBLIC_LAN"
+  echo "LocalNet $cell"
+  hostile_cell "dst host $SITE" ping -c 2 -i 0.2 -W 1 "$SITE"
+  echo "TunnelVision $cell"
+  hostile_cell "dst host $LAN_HOST and port 53" probe_says_yes dns "$LAN_HOST"
+  echo "LAN-resolver $cell"
+  ip route del "$SITE/32" via 192.168.77.1
+  ip addr del 198.18.1.2/24 dev veth-c
+  in_server ip route del 198.18.1.0/24 dev veth-s
+  "$BIN/tarvexctl" disconnect > /dev/null # a block in force would not look the name up
+  printf '%s\tvpn.example\n' "$SITE" >> /etc/hosts
+  string=$(realnet_connection_string vpn.example 51820 '"0.0.0.0/0"')
+  "$BIN/tarvexctl" connect "$string" "$@" > /dev/null || return 1
+  hostile_cell "dst host $SITE and not udp port 51820" ping -c 2 -i 0.2 -W 1 "$SITE"
+  echo "ServerIP $cell"
+  sed -i '/\tvpn.example$/d' /etc/hosts
+  "$BIN/tarvexctl" disconnect > /dev/null
+}
+
+probe_says_yes() { [ "$("$ROOT/scripts/realnet-probe" "$@")" = yes ]; }
+
+# hostile_cell FILTER COMMAND...: sets cell to "N answered" or "N silent".
+hostile_cell() {
+  local filter=$1 capture answered=silent
+  shift
+  tcpdump -i veth-c -Q out -n -U --immediate-mode -w /tmp/hostile.pcap "$filter" 2> /tmp/hostile.err &
+  capture=$!
+  for _ in $(seq 200); do grep -q "listening on" /tmp/hostile.err && break; sleep 0.05; done
+  "$@" > /dev/null 2>&1 && answered=answered
+  sleep 0.3
+  kill "$capture"
+  wait "$capture"
+  cell="$(tcpdump -r /tmp/hostile.pcap -n 2> /dev/null | grep -c .) $answered"
+}
+
+# realnet_hostile for each way of connecting, as a table; the cells are left
+# in HOSTILE[attack,column].
+declare -A HOSTILE
+HOSTILE_ATTACKS=(IPv6 LocalNet TunnelVision LAN-resolver ServerIP)
+HOSTILE_COLUMNS=(default --no-leak-protection --kill-switch "--kill-switch --allow-lan")
+realnet_hostile_matrix() {
+  local column attack cell
+  for column in "${HOSTILE_COLUMNS[@]}"; do
+    # shellcheck disable=SC2086
+    realnet_hostile ${column#default} > /tmp/hostile.txt 2> /dev/null
+    while read -r attack cell; do HOSTILE[$attack,$column]=$cell; done < /tmp/hostile.txt
+  done
+  printf '%-13s' "attack"; printf '| %-21s' "${HOSTILE_COLUMNS[@]}"; echo
+  for attack in "${HOSTILE_ATTACKS[@]}"; do
+    printf '%-13s' "$attack"
+    for column in "${HOSTILE_COLUMNS[@]}"; do printf '| %-21s' "${HOSTILE[$attack,$column]:-failed}"; done
+    echo
+  done
 }

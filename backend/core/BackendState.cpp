@@ -85,8 +85,16 @@ bool MacVpnBackend::refreshStatus(QVariantMap *details)
         return false;
     details->insert(QStringLiteral("interface"), tunnel.interfaceName());
     details->insert(QStringLiteral("endpoint"), plan.endpoint);
-    if (const QStringList foreign = routes.foreign(); !foreign.isEmpty())
+    if (!firewall.isEngaged())
+        details->insert(QStringLiteral("leakProtection"), QStringLiteral("off"));
+    // Under the block pf refuses what those routes would take around the tunnel.
+    if (QStringList foreign = routes.foreign(); !foreign.isEmpty()) {
+        if (firewall.isEngaged()) {
+            for (QString &route : foreign)
+                route += QLatin1String(": refused");
+        }
         details->insert(QStringLiteral("aroundTunnelByNetwork"), foreign);
+    }
     if (plan.split.entries > 0)
         details->insert(QStringLiteral("splitTunnel"),
                         QVariantMap{{QStringLiteral("entries"), plan.split.entries},

@@ -5,9 +5,11 @@
 
 bool CommandRunner::run(const QString &program, const QStringList &arguments,
                         const QByteArray &input, QString *standardOutput, QString *standardError,
-                        int timeoutMs)
+                        int timeoutMs, Log log)
 {
-    qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
+    const bool everything = log == Log::Everything;
+    if (everything)
+        qInfo() << "[MacVpnBackend] runCommand" << program << arguments;
 
     QProcess process;
     process.start(program, arguments, QIODevice::ReadWrite);
@@ -32,10 +34,12 @@ bool CommandRunner::run(const QString &program, const QStringList &arguments,
 
     const QString out = QString::fromUtf8(process.readAllStandardOutput());
     const QString err = QString::fromUtf8(process.readAllStandardError());
-    qInfo() << "[MacVpnBackend] command finished" << program
-            << "exitStatus=" << process.exitStatus() << "exitCode=" << process.exitCode();
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] command stdout =\n") + out.trimmed();
-    qInfo().noquote() << QLatin1String("[MacVpnBackend] command stderr =\n") + err.trimmed();
+    if (everything) {
+        qInfo() << "[MacVpnBackend] command finished" << program
+                << "exitStatus=" << process.exitStatus() << "exitCode=" << process.exitCode();
+        qInfo().noquote() << QLatin1String("[MacVpnBackend] command stdout =\n") + out.trimmed();
+        qInfo().noquote() << QLatin1String("[MacVpnBackend] command stderr =\n") + err.trimmed();
+    }
 
     if (standardOutput)
         *standardOutput = out;
@@ -45,7 +49,7 @@ bool CommandRunner::run(const QString &program, const QStringList &arguments,
     if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
         return true;
 
-    qWarning() << "[MacVpnBackend] command failed" << program << "exitCode=" << process.exitCode()
-               << "stderr=" << err.trimmed();
+    qWarning() << "[MacVpnBackend] command failed" << program << arguments
+               << "exitCode=" << process.exitCode() << "stderr=" << err.trimmed();
     return false;
 }

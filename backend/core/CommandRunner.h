@@ -9,7 +9,11 @@
 // a normal exit with status 0.
 namespace CommandRunner {
 
+// A check that runs every few seconds for as long as the service is
+// connected says only when it fails: a day's log is not made of its answers.
+enum class Log { Everything, FailuresOnly };
+
 bool run(const QString &program, const QStringList &arguments, const QByteArray &input,
-         QString *standardOutput, QString *standardError, int timeoutMs);
+         QString *standardOutput, QString *standardError, int timeoutMs, Log log = Log::Everything);
 
 } // namespace CommandRunner

@@ -13,9 +13,11 @@
 namespace {
 
 // What the connected tunnel lets through the block: its server, its
-// interface, its DNS servers through it, and what goes around it by design.
+// interface, its DNS servers through it, and what goes around it by design;
+// Apple's networks as the user chose, by default only when no kill switch
+// was asked for; with "only selected", which destinations are the tunnel's.
 FirewallRules::Allowed connectedTraffic(const ConnectionPlan &plan, const TunnelProgram &tunnel,
-                                        const HostRoutes &routes)
+                                        const HostRoutes &routes, bool appleAroundTunnel)
 {
     FirewallRules::Allowed allowed;
     allowed.endpoint = plan.server;
@@ -24,6 +26,9 @@ FirewallRules::Allowed connectedTraffic(const ConnectionPlan &plan, const Tunnel
     allowed.tunnelDns = plan.tunnelDns;
     allowed.https = routes.bypassHosts();
     allowed.around = routes.around();
+    allowed.appleServices = appleAroundTunnel;
+    if (!plan.dnsForAll)
+        allowed.onlyThrough = routes.through();
     return allowed;
 }
 
@@ -149,9 +154,13 @@ void MacVpnBackend::connectVpn(const ParsedVpnConfig &config, const QVariantMap 
         return;
     }
 
+    // The protection comes with the routes, before DNS goes to the tunnel.
     const bool routed = configureRoutes(resolved);
+    const PeerValues::LeakProtection leaks = PeerValues::leakProtection(peer);
+    const bool apple = leaks.appleAroundTunnel.value_or(!killSwitch.enabled &&
+                                                        !firewall.alwaysOnSettings().enabled);
     if (routed)
-        firewall.setConnection(connectedTraffic(plan, tunnel, routes));
+        firewall.setConnection(connectedTraffic(plan, tunnel, routes, apple), leaks.enabled);
     if (!routed || (firewall.wanted() && !updateBlock())) {
         qWarning() << "[MacVpnBackend] configureRoutes failed" << lastError();
         const QString error = lastError();
@@ -276,12 +285,12 @@ void MacVpnBackend::watchNetwork()
 // DNS servers.
 void MacVpnBackend::followNetworkChange(const RouteMonitor::Changes &changes)
 {
+    // The routes first: the tunnel's server must stay reachable; pf's check
+    // takes a few calls of a tool.
+    if (currentStatus == Connected && routes.follow(changes) && !dns.tunnelServers().isEmpty())
+        configureDnsOnNewServices();
     if (changes.wayOut && firewall.isEngaged())
         firewall.verify();
-    if (currentStatus != Connected)
-        return;
-    if (routes.follow(changes) && !dns.tunnelServers().isEmpty())
-        configureDnsOnNewServices();
 }
 
 // Recorded durably before anything changes: a reboot keeps the setting, and

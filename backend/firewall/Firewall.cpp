@@ -39,10 +39,19 @@ void Firewall::hold(bool holding, bool allowLan)
     heldLan = allowLan;
 }
 
+// The protection alone lets the local networks through, their private
+// ranges only: a LAN that claims a public range gets nothing around the
+// tunnel. A block the user asked for keeps the user's word on them, and
+// lets all but the selected destinations go nowhere.
 FirewallRules::Allowed Firewall::rules() const
 {
     FirewallRules::Allowed allowed = connection;
-    allowed.localNetworks = held ? heldLan : alwaysOn.allowLan;
+    if (held || alwaysOn.enabled) {
+        allowed.localNetworks = held ? heldLan : alwaysOn.allowLan;
+        allowed.onlyThrough.clear();
+    } else {
+        allowed.localNetworks = true;
+    }
     return allowed;
 }
 
@@ -110,11 +119,15 @@ void Firewall::describe(QVariantMap *details) const
     if (!pf.isEngaged())
         return;
     const KillSwitch::Enforcement enforcement = pf.enforcement();
-    details->insert(QStringLiteral("killSwitch"),
-                    enforcement == KillSwitch::Enforcement::NotEnforced ? QStringLiteral("not enforced")
-                    : enforcement != KillSwitch::Enforcement::Enforced  ? QStringLiteral("not verified")
-                    : pf.isBlocking()                                   ? QStringLiteral("blocking")
-                                                                        : QStringLiteral("on"));
+    const bool protectionAlone = !held && !alwaysOn.enabled;
+    if (!connection.tunnelInterface.isEmpty())
+        details->insert(QStringLiteral("appleAroundTunnel"), rules().appleServices);
+    details->insert(
+        protectionAlone ? QStringLiteral("leakProtection") : QStringLiteral("killSwitch"),
+        enforcement == KillSwitch::Enforcement::NotEnforced ? QStringLiteral("not enforced")
+        : enforcement != KillSwitch::Enforcement::Enforced  ? QStringLiteral("not verified")
+        : pf.isBlocking()                                   ? QStringLiteral("blocking")
+                                                            : QStringLiteral("on"));
     if (enforcement != KillSwitch::Enforcement::Enforced && !pf.problem().isEmpty())
         details->insert(QStringLiteral("blockProblem"), pf.problem());
 }

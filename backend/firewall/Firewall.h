@@ -15,8 +15,11 @@
 // When nothing may leave outside the tunnel, and what then still may, as one
 // policy: the block is wanted while the user's connection holds its kill
 // switch (from before its tunnel program starts until the user disconnects,
-// through a tunnel that failed or a service that stopped) and while always-on
-// is on, but for a pause. What the rules let through follows the connection:
+// through a tunnel that failed or a service that stopped), while always-on
+// is on, but for a pause, and while a tunnel is up with leak protection (on
+// unless the user turned it off): then the network cannot steer anything
+// around the tunnel, whatever routes or "local" subnets it hands the Mac,
+// and it ends with the tunnel, not held. What the rules let through follows the connection:
 // its server's port while it comes up, the tunnel itself and what goes
 // around it by design once it is up, and, without it, nothing but the
 // link's own traffic and, when allowed, the local networks. pf's side is
@@ -44,14 +47,19 @@ public:
     // The status's words while the user's kill switch blocks without a tunnel.
     static QString blockingMessage();
 
-    bool wanted() const { return held || (alwaysOn.enabled && !pause.isActive()); }
+    bool wanted() const { return held || protecting || (alwaysOn.enabled && !pause.isActive()); }
     bool isEngaged() const { return pf.isEngaged(); }
     bool holdsPf() const { return pf.holdsPf(); }
     bool isHeld() const { return held; }
     // The user's connection holds the block (or not) from now on.
     void hold(bool holding, bool allowLan);
-    // What the connection lets through: nothing, its server, or its tunnel too.
-    void setConnection(const FirewallRules::Allowed &passes) { connection = passes; }
+    // What the connection lets through: nothing, its server, or its tunnel
+    // too; and whether its tunnel is protected from leaks without a block.
+    void setConnection(const FirewallRules::Allowed &passes, bool protect = false)
+    {
+        connection = passes;
+        protecting = protect && !passes.tunnelInterface.isEmpty();
+    }
     // In force while wanted, with what is allowed now; lifted otherwise.
     // False, with the user's message, when it cannot be put in force.
     bool update(QString *error);
@@ -67,7 +75,9 @@ public:
     // For anyone: the setting and whether the block is verified in force;
     // empty while it is off.
     QVariantMap alwaysOnState() const;
-    // For "details": "on", "blocking", "not verified", "not enforced", and why.
+    // For "details": "on", "blocking", "not verified", "not enforced", and
+    // why; as "killSwitch" or, while only the tunnel's protection holds it,
+    // "leakProtection".
     void describe(QVariantMap *details) const;
 
     void retryPending() override;
@@ -85,6 +95,7 @@ private:
     KillSwitch pf;
     bool held = false;
     bool heldLan = false;
+    bool protecting = false;
     AlwaysOn alwaysOn;
     QTimer pause;
     FirewallRules::Allowed connection;

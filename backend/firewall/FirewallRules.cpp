@@ -13,6 +13,11 @@ constexpr const char *LocalNetworks[] = {"10.0.0.0/8",     "172.16.0.0/12", "192
 constexpr const char *LocalGroups[] = {"224.0.0.0/24", "239.0.0.0/8", "255.255.255.255",
                                        "ff01::/16",    "ff02::/16",   "ff03::/16",
                                        "ff04::/16",    "ff05::/16"};
+// Apple's own networks: on some releases macOS binds push, Messages and
+// iCloud to the physical interface, whatever the routes say.
+constexpr const char *AppleNetworks[] = {"17.0.0.0/8", "2620:149::/32", "2a01:b740::/29"};
+// AirDrop, AirPlay and Continuity: links between two Macs, never a way out.
+constexpr const char *PeerLinks[] = {"awdl0", "llw0"};
 constexpr const char *Transports[] = {"udp", "tcp"};
 constexpr int DnsPort = 53;
 constexpr int HttpsPort = 443;
@@ -67,31 +72,72 @@ QString passOut(const QString &to, const char *state)
         .arg(where.family, where.text, QLatin1String(state));
 }
 
+// The tunnel program's packets to its server alone: other traffic to the
+// server's address does not leave by its route around the tunnel.
+QStringList serverRule(const Allowed &allowed)
+{
+    if (allowed.endpoint.isEmpty())
+        return {};
+    const Destination server = destination(allowed.endpoint);
+    return {QStringLiteral("pass out quick %1 proto udp from any to %2 port = %3 user = 0 "
+                           "keep state")
+                .arg(server.family, server.text)
+                .arg(allowed.port)};
+}
+
+QStringList httpsRules(const Allowed &allowed)
+{
+    QStringList rules;
+    for (const QString &address : allowed.https) {
+        const Destination host = destination(address);
+        rules << QStringLiteral("pass out quick %1 proto tcp from any to %2 port = %3 flags S/SA "
+                                "keep state")
+                     .arg(host.family, host.text)
+                     .arg(HttpsPort);
+    }
+    return rules;
+}
+
+// Bound to the tunnel's interface: once the tunnel is gone, a connection
+// it carried does not go on by another.
+QString tunnelRule(const QString &tunnel)
+{
+    return QStringLiteral("pass quick on %1 all flags S/SA keep state (if-bound)").arg(tunnel);
+}
+
+// "Only selected": the network keeps everything but the selected
+// destinations, which a route of its own (DHCP's option 121) could
+// otherwise take around the tunnel.
+QStringList mirrorRules(const Allowed &allowed)
+{
+    return serverRule(allowed) + httpsRules(allowed) +
+           QStringList{tunnelRule(allowed.tunnelInterface),
+                       QStringLiteral("block return out quick from any to <%1>")
+                           .arg(QLatin1String(TunnelledTable))};
+}
+
 } // namespace
 
 bool Allowed::operator==(const Allowed &other) const
 {
     return tunnelInterface == other.tunnelInterface && tunnelDns == other.tunnelDns &&
            endpoint == other.endpoint && port == other.port && https == other.https &&
-           around == other.around && localNetworks == other.localNetworks;
+           around == other.around && localNetworks == other.localNetworks &&
+           appleServices == other.appleServices && onlyThrough == other.onlyThrough;
 }
 
 QStringList rules(const Allowed &allowed)
 {
     const QString &tunnel = allowed.tunnelInterface;
+    if (!tunnel.isEmpty() && !allowed.onlyThrough.isEmpty())
+        return mirrorRules(allowed);
     QStringList rules;
     for (const char *rule : LinkRules)
         rules << QLatin1String(rule);
 
     // Before the port-53 block: a server may listen on the DNS port, which
     // hotel networks let through.
-    if (!allowed.endpoint.isEmpty()) {
-        const Destination server = destination(allowed.endpoint);
-        rules << QStringLiteral("pass out quick %1 proto udp from any to %2 port = %3 user = 0 "
-                                "keep state")
-                     .arg(server.family, server.text)
-                     .arg(allowed.port);
-    }
+    rules << serverRule(allowed);
 
     // DNS goes only to the tunnel's servers, through the tunnel: not to the
     // network's resolver, and not through a hole the LAN rules would open.
@@ -120,16 +166,12 @@ QStringList rules(const Allowed &allowed)
                      .arg(QLatin1String(transport))
                      .arg(DnsPort);
 
-    // Bound to the tunnel's interface: once the tunnel is gone, a connection
-    // it carried does not go on by another.
     if (!tunnel.isEmpty())
-        rules << QStringLiteral("pass quick on %1 all flags S/SA keep state (if-bound)").arg(tunnel);
-    for (const QString &address : allowed.https) {
-        const Destination host = destination(address);
-        rules << QStringLiteral("pass out quick %1 proto tcp from any to %2 port = %3 flags S/SA "
-                                "keep state")
-                     .arg(host.family, host.text)
-                     .arg(HttpsPort);
+        rules << tunnelRule(tunnel);
+    rules << httpsRules(allowed);
+    if (allowed.appleServices) {
+        for (const char *network : AppleNetworks)
+            rules << passOut(QLatin1String(network), "flags S/SA keep state");
     }
     // One rule, however many: a country's ranges are a table's entries.
     if (!allowed.around.isEmpty())
@@ -144,28 +186,36 @@ QStringList rules(const Allowed &allowed)
         }
         for (const char *group : LocalGroups)
             rules << passOut(QLatin1String(group), "no state");
+        for (const char *link : PeerLinks)
+            rules << QStringLiteral("pass quick on %1 all flags S/SA keep state")
+                         .arg(QLatin1String(link));
     }
-    rules << QStringLiteral("block return out quick all") << QStringLiteral("block drop in quick all");
+    rules << QStringLiteral("block return out quick all")
+          << QStringLiteral("block drop in quick all");
     return rules;
 }
 
-QStringList aroundEntries(const Allowed &allowed)
+QList<Table> tables(const Allowed &allowed)
 {
-    QStringList entries;
-    entries.reserve(allowed.around.size());
-    for (const QString &around : allowed.around)
-        entries.append(destination(around).text);
-    return entries;
+    const bool mirror = !allowed.tunnelInterface.isEmpty() && !allowed.onlyThrough.isEmpty();
+    const QStringList &listed = mirror ? allowed.onlyThrough : allowed.around;
+    if (listed.isEmpty())
+        return {};
+    Table table{mirror ? TunnelledTable : AroundTable, {}};
+    table.entries.reserve(listed.size());
+    for (const QString &entry : listed)
+        table.entries.append(destination(entry).text);
+    return {table};
 }
 
 QByteArray text(const Allowed &allowed)
 {
-    QByteArray table;
-    if (!allowed.around.isEmpty())
-        table = QStringLiteral("table <%1> const { %2 }\n")
-                    .arg(QLatin1String(AroundTable), aroundEntries(allowed).join(QLatin1Char(' ')))
+    QByteArray text;
+    for (const Table &table : tables(allowed))
+        text += QStringLiteral("table <%1> const { %2 }\n")
+                    .arg(QLatin1String(table.name), table.entries.join(QLatin1Char(' ')))
                     .toUtf8();
-    return table + rules(allowed).join(QLatin1Char('\n')).toUtf8() + '\n';
+    return text + rules(allowed).join(QLatin1Char('\n')).toUtf8() + '\n';
 }
 
 QList<QStringList> statesToKill(const Allowed *before, const Allowed &after)
@@ -186,6 +236,10 @@ QList<QStringList> statesToKill(const Allowed *before, const Allowed &after)
     };
     if (before->localNetworks && !after.localNetworks) {
         for (const char *network : LocalNetworks)
+            gone.append(QLatin1String(network));
+    }
+    if (before->appleServices && !after.appleServices) {
+        for (const char *network : AppleNetworks)
             gone.append(QLatin1String(network));
     }
     narrowed(before->around, after.around);

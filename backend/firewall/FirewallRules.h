@@ -31,19 +31,30 @@ struct Allowed
     QStringList https;  // the control-plane hosts, reached by HTTPS around the tunnel
     QStringList around; // addresses and ranges routed around the tunnel by design
     bool localNetworks = false;
+    bool appleServices = false; // Apple's own networks, which macOS may reach by en0 alone
+    // Only these destinations go through the tunnel; none of them may leave
+    // by another interface, and everything else is the network's. Empty: the
+    // tunnel carries everything else, and nothing else leaves.
+    QStringList onlyThrough;
 
     bool operator==(const Allowed &other) const;
 };
 
-// The exclusions and named endpoints passed around the tunnel: a constant
-// table of the anchor, which nobody else can change.
+// Long lists are constant tables of the anchor, which nobody else can
+// change: the exclusions passed around the tunnel, and the destinations that
+// may leave by the tunnel alone.
+struct Table
+{
+    const char *name;
+    QStringList entries; // as "pfctl -t TABLE -T show" prints them, in an order of its own
+};
 constexpr const char *AroundTable = "tarvex_around";
+constexpr const char *TunnelledTable = "tarvex_tunnelled";
 
-// The rules as "pfctl -s rules" prints them; the table's entries as
-// "pfctl -t TABLE -T show" does (in an order of its own); and the text to
-// load, the table first.
+// The rules as "pfctl -s rules" prints them; the tables with entries; and
+// the text to load, the tables first.
 QStringList rules(const Allowed &allowed);
-QStringList aroundEntries(const Allowed &allowed);
+QList<Table> tables(const Allowed &allowed);
 QByteArray text(const Allowed &allowed);
 
 // What "pfctl -k" must end when the rules change from before to after: each

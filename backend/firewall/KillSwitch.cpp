@@ -33,7 +33,11 @@ KillSwitch::KillSwitch(QString pfctlTool, std::function<bool(QString *)> record,
 bool KillSwitch::pfctl(const QStringList &arguments, QString *output, QString *error,
                        const QByteArray &input) const
 {
-    return CommandRunner::run(tool, arguments, input, output, error, CommandTimeoutMs);
+    const bool reading =
+        arguments.contains(QLatin1String("-s")) || arguments.endsWith(QLatin1String("show"));
+    return CommandRunner::run(tool, arguments, input, output, error, CommandTimeoutMs,
+                              routine && reading ? CommandRunner::Log::FailuresOnly
+                                                 : CommandRunner::Log::Everything);
 }
 
 bool KillSwitch::engage(const FirewallRules::Allowed &rules, QString *error)
@@ -188,17 +192,19 @@ bool KillSwitch::pfEnabled(QString *problem)
 bool KillSwitch::rulesInForce(QString *problem)
 {
     QString output;
-    QString entries;
-    const QStringList rules = FirewallRules::rules(allowed);
-    if (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-s"), QStringLiteral("rules")},
-              &output, nullptr) &&
-        PfctlReply::sameRules(output, rules) &&
-        (allowed.around.isEmpty() ||
-         (pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-t"),
-                 QLatin1String(FirewallRules::AroundTable), QStringLiteral("-T"),
-                 QStringLiteral("show")},
-                &entries, nullptr) &&
-          PfctlReply::sameEntries(entries, FirewallRules::aroundEntries(allowed)))))
+    bool inForce = pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-s"),
+                          QStringLiteral("rules")},
+                         &output, nullptr) &&
+                   PfctlReply::sameRules(output, FirewallRules::rules(allowed));
+    for (const FirewallRules::Table &table : FirewallRules::tables(allowed)) {
+        QString entries;
+        inForce = inForce &&
+                  pfctl({QStringLiteral("-a"), KillSwitchAnchor, QStringLiteral("-t"),
+                         QLatin1String(table.name), QStringLiteral("-T"), QStringLiteral("show")},
+                        &entries, nullptr) &&
+                  PfctlReply::sameEntries(entries, table.entries);
+    }
+    if (inForce)
         return true;
     settle({QStringLiteral("the rules not in force; loading them again")});
     QString error;
@@ -236,7 +242,7 @@ void KillSwitch::round(int checks)
 // the round's verdict.
 void KillSwitch::settle(const QStringList &found)
 {
-    const Enforcement verdict = found.isEmpty() ? Enforcement::Enforced
+    const Enforcement verdict = found.isEmpty()                    ? Enforcement::Enforced
                                 : found == QStringList{NotReached} ? Enforcement::NotEnforced
                                                                    : Enforcement::Unverified;
     if (verdict == state && found == problems)
@@ -253,11 +259,15 @@ void KillSwitch::settle(const QStringList &found)
     Q_EMIT enforcementChanged();
 }
 
+// What a round finds wrong is said (settle), and what it puts right is
+// logged as every change is; its reads are logged only when they fail.
 KillSwitch::Enforcement KillSwitch::verify()
 {
     if (!engaged)
         return Enforcement::Unverified;
+    routine = true;
     round(EveryCheck);
+    routine = false;
     return state;
 }
 

@@ -97,4 +97,5 @@ private:
     Enforcement state = Enforcement::Unverified;
     QStringList problems;
     QTimer timer;
+    bool routine = false; // a round's reads, logged only when they fail
 };

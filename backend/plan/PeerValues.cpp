@@ -90,4 +90,13 @@ KillSwitch killSwitch(const QVariantMap &peer)
             settings.value(QStringLiteral("allowLan")).toBool()};
 }
 
+LeakProtection leakProtection(const QVariantMap &peer)
+{
+    LeakProtection protection;
+    protection.enabled = peer.value(QStringLiteral("leakProtection"), true).toBool();
+    if (const QVariant apple = peer.value(QStringLiteral("appleAroundTunnel")); apple.isValid())
+        protection.appleAroundTunnel = apple.toBool();
+    return protection;
+}
+
 } // namespace PeerValues

@@ -7,6 +7,8 @@
 #include <QVariantList>
 #include <QVariantMap>
 
+#include <optional>
+
 // What a connect asks for, read from the client's configuration and the peer
 // map: pure values, nothing on the host touched.
 namespace PeerValues {
@@ -28,6 +30,17 @@ struct KillSwitch
     bool allowLan = false;
 };
 
+// On unless the peer map says "leakProtection": false: while connected,
+// nothing leaves by another interface but what goes around the tunnel by
+// design. Apple's own networks pass around it too unless the peer map says
+// "appleAroundTunnel": false; under the kill switch only when it says true
+// (see Firewall).
+struct LeakProtection
+{
+    bool enabled = true;
+    std::optional<bool> appleAroundTunnel;
+};
+
 QString endpointHost(const ParsedVpnConfig &config);
 int endpointPort(const ParsedVpnConfig &config);
 // Host and port as the configuration protocol writes them.
@@ -37,5 +50,6 @@ QStringList allowedIps(const ParsedVpnConfig &config);
 QString hexKey(const QString &key);
 SplitTunnel splitTunnel(const QVariantMap &peer);
 KillSwitch killSwitch(const QVariantMap &peer);
+LeakProtection leakProtection(const QVariantMap &peer);
 
 } // namespace PeerValues

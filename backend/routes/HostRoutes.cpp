@@ -26,7 +26,8 @@ constexpr int RefusalsLogged = 20;
 HostRoutes::HostRoutes(const MacHostEnvironment &host, Journal journal, QObject *parent)
     : QObject(parent), journal(std::move(journal)), socket(host), monitor(host)
 {
-    connect(&monitor, &RouteMonitor::settled, this, [this] { Q_EMIT settled(monitor.takeChanges()); });
+    connect(&monitor, &RouteMonitor::settled, this,
+            [this] { Q_EMIT settled(monitor.takeChanges()); });
 }
 
 QString HostRoutes::defaultGatewayOf(bool ipv6, QString *interfaceName)
@@ -194,6 +195,16 @@ QStringList HostRoutes::around() const
     return destinations;
 }
 
+QStringList HostRoutes::through() const
+{
+    QStringList destinations;
+    for (const RouteEntry &route : installedRoutes) {
+        if (route.via == tunnelInterface)
+            destinations.append(route.destination);
+    }
+    return destinations;
+}
+
 QString HostRoutes::add(const RouteEntry &route)
 {
     const QString failure = socket.add(route);
@@ -253,8 +264,8 @@ void HostRoutes::undo(const QList<RouteEntry> &routes)
         if (const QString error = undo(route, table); !error.isEmpty())
             pending.append({route, error});
     }
-    qInfo() << "[MacVpnBackend] routes undone:" << routes.size() - (pending.size() - before)
-            << "of" << routes.size();
+    qInfo() << "[MacVpnBackend] routes undone:" << routes.size() - (pending.size() - before) << "of"
+            << routes.size();
 }
 
 void HostRoutes::retryPending()
@@ -283,7 +294,8 @@ void HostRoutes::write(QJsonObject *session, QJsonObject *) const
     QJsonObject record;
     if (!controlPlaneBypassHosts.isEmpty()) {
         record.insert(QStringLiteral("gateway"), physicalGateway);
-        record.insert(QStringLiteral("bypass"), QJsonArray::fromStringList(controlPlaneBypassHosts));
+        record.insert(QStringLiteral("bypass"),
+                      QJsonArray::fromStringList(controlPlaneBypassHosts));
     }
     if (!serverRouteGateway.isEmpty())
         record.insert(QStringLiteral("server"),
@@ -327,8 +339,9 @@ void HostRoutes::read(const QJsonObject &session, const QJsonObject &)
     installedRoutes = RouteEntry::fromRuns(record.value(QLatin1String("installed")).toArray());
     for (const QJsonValue &value : record.value(QLatin1String("pending")).toArray()) {
         const QJsonObject step = value.toObject();
-        if (const auto route = RouteEntry::checked(step.value(QLatin1String("destination")).toString(),
-                                                   step.value(QLatin1String("via")).toString()))
+        if (const auto route =
+                RouteEntry::checked(step.value(QLatin1String("destination")).toString(),
+                                    step.value(QLatin1String("via")).toString()))
             pending.append({*route, step.value(QLatin1String("error")).toString()});
         else
             JournalValues::ignored("route", value);

@@ -52,6 +52,8 @@ public:
 
     // What goes around the tunnel by design, for the block to let through.
     QStringList around() const;
+    // What goes into the tunnel, for the block to keep from leaving by another way.
+    QStringList through() const;
     QStringList bypassHosts() const { return controlPlaneBypassHosts; }
     // Routes the network put around the tunnel while connected (see ForeignRoutes).
     QStringList foreign() const { return foreignRoutes; }
