@@ -32,13 +32,15 @@ standin_tools() {
   "$BIN/mactools" reset
 }
 # A simulated host as JSON, its routes in order, apart from which process owns
-# a utun.
+# a utun and which tokens pf handed out (only how many).
 normal_host() {
   python3 -c 'import json, sys
 host = json.load(sys.stdin)
 host["routes"].sort(key=lambda r: (r["family"], r["destination"]))
 for interface in host["interfaces"].values():
     interface.pop("owner", None)
+pf = host.get("pf", {})
+pf["references"] = len(pf.get("references", []))
 print(json.dumps(host, indent=1, sort_keys=True))'
 }
 # The simulated host, routes from its kernel, and /etc/hosts.

@@ -197,6 +197,8 @@ private Q_SLOTS:
             }
             QCOMPARE(dnsOf(host.state(), "Wi-Fi"),
                      row["fault"].toString().contains("networksetup") ? "192.168.1.1" : Vpn);
+            // Whatever became of the routes, IPv6 included, nothing leaks.
+            QVERIFY(host.pfInForce().filter(QRegularExpression("^block return out quick")).size());
         } else {
             const QString error = answer["error"].toString();
             QVERIFY2(row.contains("errorStart") ? error.startsWith(row["errorStart"].toString())
