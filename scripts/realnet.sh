@@ -270,8 +270,8 @@ hostile_cell() {
   "$@" > /dev/null 2>&1 && answered=answered
   sleep 0.3
   kill "$capture"
-  wait "$capture"
-  cell="$(tcpdump -r /tmp/hostile.pcap -n 2> /dev/null | grep -c .) $answered"
+  wait "$capture" || true
+  cell="$(tcpdump -r /tmp/hostile.pcap -n 2> /dev/null | grep -c . || true) $answered"
 }
 
 # realnet_hostile for each way of connecting, as a table; the cells are left
@@ -283,7 +283,7 @@ realnet_hostile_matrix() {
   local column attack cell
   for column in "${HOSTILE_COLUMNS[@]}"; do
     # shellcheck disable=SC2086
-    realnet_hostile ${column#default} > /tmp/hostile.txt 2> /dev/null
+    realnet_hostile ${column#default} > /tmp/hostile.txt 2> /dev/null || true
     while read -r attack cell; do HOSTILE[$attack,$column]=$cell; done < /tmp/hostile.txt
   done
   printf '%-13s' "attack"; printf '| %-21s' "${HOSTILE_COLUMNS[@]}"; echo
