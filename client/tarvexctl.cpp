@@ -83,8 +83,9 @@ const char *const ConnectHelp =
 const char *const StatusHelp =
     "Usage: tarvexctl status\n\nShows the service's status, its last error and the settings of "
     "the current connection; while connected, also the interface, the endpoint, how long the "
-    "tunnel has been up, its last handshake and the bytes received and sent; and whether the "
-    "kill switch is on or blocking, and what is still to be undone.\n";
+    "tunnel has been up, its last handshake and the bytes received and sent, leak protection "
+    "and what the network routes around the tunnel; and whether the kill switch is on or "
+    "blocking, and what is still to be undone.\n";
 const char *const AlwaysOnHelp =
     "Usage: tarvexctl always-on on [--allow-lan] | off | pause SECONDS\n"
     "\n"
