@@ -42,7 +42,7 @@ void Firewall::hold(bool holding, bool allowLan)
 // The protection alone lets the local networks through, their private
 // ranges only: a LAN that claims a public range gets nothing around the
 // tunnel. A block the user asked for keeps the user's word on them, and
-// lets all but the selected destinations go nowhere.
+// lets nothing but the tunnel out, selected destinations or not.
 FirewallRules::Allowed Firewall::rules() const
 {
     FirewallRules::Allowed allowed = connection;

@@ -19,12 +19,12 @@
 // is on, but for a pause, and while a tunnel is up with leak protection (on
 // unless the user turned it off): then the network cannot steer anything
 // around the tunnel, whatever routes or "local" subnets it hands the Mac,
-// and it ends with the tunnel, not held. What the rules let through follows the connection:
-// its server's port while it comes up, the tunnel itself and what goes
-// around it by design once it is up, and, without it, nothing but the
-// link's own traffic and, when allowed, the local networks. pf's side is
-// KillSwitch's; a lift that fails leaves the block in force, which is safe:
-// it is kept and tried again, as any undo is.
+// and it ends with the tunnel, not held. What the rules let through follows
+// the connection: its server's port while it comes up, the tunnel itself
+// and what goes around it by design once it is up, and, without it, nothing
+// but the link's own traffic and, when allowed, the local networks. pf's
+// side is KillSwitch's; a lift that fails leaves the block in force, which
+// is safe: it is kept and tried again, as any undo is.
 class Firewall : public QObject, public HostRoom
 {
     Q_OBJECT
