@@ -406,7 +406,9 @@ private Q_SLOTS:
         host->setFaults({"hang:pfctl -X"});
         QCOMPARE(host->request({{"command", "alwaysOn"}, {"pause", 1}})["ok"], true);
         host->setFaults({});
-        for (QElapsedTimer clock; !blocked(); QTest::qWait(100)) {
+        QElapsedTimer clock;
+        clock.start();
+        for (; !blocked(); QTest::qWait(100)) {
             QVERIFY(host->request(StatusRequest)["alwaysOn"].toObject()["verified"] == false ||
                     host->pfInForce().contains("block return out quick all"));
             QVERIFY(clock.elapsed() < 60000);
